@@ -21,9 +21,9 @@ std::int64_t cooldownMilliseconds(double seconds) {
     return static_cast<std::int64_t>(std::trunc(ms));
 }
 
-AppState::AppState(const QString& preferencesDirectory, const Clock* clock)
-    : store_(preferencesDirectory.isEmpty() ? PreferencesStore::standardDirectory()
-                                            : preferencesDirectory),
+AppState::AppState(PreferencesStore* store, const Clock* clock)
+    : ownedStore_(store != nullptr ? nullptr : std::make_unique<PreferencesStore>()),
+      store_(store != nullptr ? store : ownedStore_.get()),
       clock_(clock != nullptr ? clock : &Clock::system()) {
     lastCountDate.set(clock_->now());
 }
@@ -63,11 +63,11 @@ void AppState::save() {
         return;  // Nothing JSON can hold; the stored value stays as it was.
     }
     QString error;
-    if (!store_.setData(defaultsKey, *bytes, &error)) {
+    if (!store_->setData(defaultsKey, *bytes, &error)) {
         // Logged once per run of failures, not on every slap.
         if (!lastSaveFailed_) {
             logLine(QStringLiteral("Bonkwell: saving settings to %1 failed: %2")
-                        .arg(store_.pathForKey(defaultsKey), error));
+                        .arg(store_->pathForKey(defaultsKey), error));
         }
         lastSaveFailed_ = true;
         return;
@@ -76,8 +76,8 @@ void AppState::save() {
 }
 
 void AppState::load() {
-    store_.removeStrayTemporaries();
-    const std::optional<QByteArray> bytes = store_.data(defaultsKey);
+    store_->removeStrayTemporaries();
+    const std::optional<QByteArray> bytes = store_->data(defaultsKey);
     if (!bytes) {
         return;
     }

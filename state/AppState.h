@@ -13,6 +13,7 @@
 #include <QStringList>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -54,9 +55,9 @@ class AppState : public QObject {
     static inline const QString defaultsKey = QStringLiteral("BonkwellState.v1");
     static constexpr std::size_t kMaxLiveSamples = 600;
 
-    // Settings persist in `preferencesDirectory` (empty: the standard one); `clock` (null: the
-    // system clock) supplies "now" for the counters.
-    explicit AppState(const QString& preferencesDirectory = {}, const Clock* clock = nullptr);
+    // Settings persist in `store` (null: the user's standard store, owned by the model);
+    // `clock` (null: the system clock) supplies "now" for the counters. Neither is owned.
+    explicit AppState(PreferencesStore* store = nullptr, const Clock* clock = nullptr);
     ~AppState() override;
 
     // Published properties, in declaration order.
@@ -92,13 +93,14 @@ class AppState : public QObject {
     void bumpCounts();
 
     Snapshot snapshot() const;
-    PreferencesStore& preferences() { return store_; }
+    PreferencesStore& preferences() { return *store_; }
     const Clock& clock() const { return *clock_; }
 
   private:
     void handleMagnitudeSample(double magnitude);
 
-    PreferencesStore store_;
+    std::unique_ptr<PreferencesStore> ownedStore_;
+    PreferencesStore* store_;
     const Clock* clock_;
     bool lastSaveFailed_ = false;
 };

@@ -20,6 +20,9 @@ class PreferencesStore {
     // Uses $XDG_CONFIG_HOME/Bonkwell (default ~/.config/Bonkwell).
     PreferencesStore();
     explicit PreferencesStore(QString directory);
+    virtual ~PreferencesStore() = default;
+    PreferencesStore(const PreferencesStore&) = delete;
+    PreferencesStore& operator=(const PreferencesStore&) = delete;
 
     static QString standardDirectory();
 
@@ -28,12 +31,12 @@ class PreferencesStore {
 
     // The binary value under `key`; empty when there is none, when the key holds a string,
     // or when the file cannot be read.
-    std::optional<QByteArray> data(const QString& key) const;
+    virtual std::optional<QByteArray> data(const QString& key) const;
     std::optional<QString> string(const QString& key) const;
 
     // Return false with a one-line reason in `error` when the value could not be stored;
     // the previous value is then left as it was.
-    bool setData(const QString& key, const QByteArray& bytes, QString* error = nullptr);
+    virtual bool setData(const QString& key, const QByteArray& bytes, QString* error = nullptr);
     bool setString(const QString& key, const QString& value, QString* error = nullptr);
 
     // Deletes temporary files that an interrupted write left behind; returns how many.
