@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The narrow faces of the detection and sound objects that the state model drives.
-// The real SlapDetector, ThuzzEngine, AudioPlayer and SoundPackManager implement them;
-// tests substitute recording doubles.
+// The faces of the detection and sound objects that the state model, the app delegate and
+// the views use. The real SlapDetector, ThuzzEngine, AudioPlayer and SoundPackManager
+// implement them; tests substitute recording doubles.
 #pragma once
 
 #include "SharedTypes.h"
 
+#include <QString>
 #include <cstdint>
+
 #include <functional>
 
 namespace bonkwell {
@@ -18,6 +20,8 @@ class SlapDetectorInterface {
     virtual void setCooldown(double seconds) = 0;
     // Called synchronously with every magnitude sample the detector takes.
     virtual void setOnMagnitudeSample(std::function<void(double)> handler) = 0;
+    // Called on the main thread with the amplitude (g) of each slap.
+    virtual void setOnSlap(std::function<void(double)> handler) = 0;
     virtual void start() = 0;
     virtual void stop() = 0;
 };
@@ -29,12 +33,27 @@ class ThuzzEngineInterface {
     virtual void start() = 0;
     virtual void stop() = 0;
     virtual void updateTuning(double amplitude, std::int64_t cooldownMs) = 0;
+    // Launch tuning for the next start().
+    virtual void setMinAmplitude(double amplitude) = 0;
+    virtual void setCooldownMs(std::int64_t cooldownMs) = 0;
+    // Called on the main thread with each slap the helper reports.
+    virtual void setOnEvent(std::function<void(const ThuzzEvent&)> handler) = 0;
+    // Called on the main thread with each one-line status ("Engine running", …).
+    virtual void setOnStatus(std::function<void(const QString&)> handler) = 0;
+    // Copies the helper into place and makes it setuid root through the administrator
+    // prompt; blocks until done. True only when the helper ends up installed.
+    virtual bool installHelper() = 0;
 };
 
 class AudioPlayerInterface {
   public:
     virtual ~AudioPlayerInterface() = default;
     virtual void resetTracker() = 0;
+    // Both return at once; the work happens on the player's own thread. Nothing plays for a
+    // pack without files.
+    virtual void playSlap(const SoundPack& pack, PlayMode mode, double amplitude, double userVolume,
+                          bool volumeScaling) = 0;
+    virtual void playTest(const SoundPack& pack, double userVolume) = 0;
 };
 
 class SoundPackManagerInterface {
@@ -44,6 +63,12 @@ class SoundPackManagerInterface {
     virtual QStringList builtInPacks() const = 0;
     // The sub-folders of the user's Custom folder, in listing order.
     virtual QStringList customPacks() const = 0;
+    // Seeds the user's sound folders from the bundled packs.
+    virtual void bootstrapUserPacks() = 0;
+    // Always a pack, possibly without files, for any name.
+    virtual SoundPack pack(const QString& name) const = 0;
+    // Opens the user's Custom folder in the desktop's file browser.
+    virtual void openCustomFolder() = 0;
 };
 
 }  // namespace bonkwell

@@ -2,7 +2,7 @@
 #include "AppState.h"
 
 #include "ManualClock.h"
-#include "StateDoubles.h"
+#include "Doubles.h"
 #include "TestSupport.h"
 
 #include <QTemporaryDir>

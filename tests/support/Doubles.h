@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Recording doubles for the objects the state model drives. Every call lands, in order, in
-// one shared journal so tests can assert the order across objects.
+// Recording doubles for the detection and sound objects. Every call lands, in order, in one
+// shared journal so tests can assert the order across objects.
 #pragma once
 
 #include "AppState.h"
 #include "Interfaces.h"
 #include "PreferencesStore.h"
 
+#include <QHash>
 #include <QString>
 #include <QStringList>
 
@@ -56,12 +57,17 @@ class RecordingDetector final : public SlapDetectorInterface {
         journal_.calls.append(QStringLiteral("detector.onMagnitudeSample"));
         onMagnitudeSample = std::move(handler);
     }
+    void setOnSlap(std::function<void(double)> handler) override {
+        journal_.calls.append(QStringLiteral("detector.onSlap"));
+        onSlap = std::move(handler);
+    }
     void start() override { journal_.calls.append(QStringLiteral("detector.start")); }
     void stop() override { journal_.calls.append(QStringLiteral("detector.stop")); }
 
     double minAmplitude = 0;
     double cooldown = 0;
     std::function<void(double)> onMagnitudeSample;
+    std::function<void(double)> onSlap;
 
   private:
     CallJournal& journal_;
@@ -77,8 +83,32 @@ class RecordingEngine final : public ThuzzEngineInterface {
         journal_.calls.append(
             QStringLiteral("engine.updateTuning(%1,%2)").arg(amplitude).arg(cooldownMs));
     }
+    void setMinAmplitude(double a) override {
+        journal_.calls.append(QStringLiteral("engine.minAmplitude=%1").arg(a));
+    }
+    void setCooldownMs(std::int64_t ms) override {
+        journal_.calls.append(QStringLiteral("engine.cooldownMs=%1").arg(ms));
+    }
+    void setOnEvent(std::function<void(const ThuzzEvent&)> handler) override {
+        journal_.calls.append(QStringLiteral("engine.onEvent"));
+        onEvent = std::move(handler);
+    }
+    void setOnStatus(std::function<void(const QString&)> handler) override {
+        journal_.calls.append(QStringLiteral("engine.onStatus"));
+        onStatus = std::move(handler);
+    }
+    bool installHelper() override {
+        journal_.calls.append(QStringLiteral("engine.installHelper"));
+        if (installSucceeds) {
+            state = InstallState::installed;
+        }
+        return installSucceeds;
+    }
 
     InstallState state = InstallState::notInstalled;
+    bool installSucceeds = true;
+    std::function<void(const ThuzzEvent&)> onEvent;
+    std::function<void(const QString&)> onStatus;
 
   private:
     CallJournal& journal_;
@@ -88,6 +118,18 @@ class RecordingAudio final : public AudioPlayerInterface {
   public:
     explicit RecordingAudio(CallJournal& journal) : journal_(journal) {}
     void resetTracker() override { journal_.calls.append(QStringLiteral("audio.resetTracker")); }
+    void playSlap(const SoundPack& pack, PlayMode mode, double amplitude, double userVolume,
+                  bool volumeScaling) override {
+        journal_.calls.append(QStringLiteral("audio.playSlap(%1,%2,%3,%4,%5)")
+                                  .arg(pack.name, rawValue(mode))
+                                  .arg(amplitude)
+                                  .arg(userVolume)
+                                  .arg(volumeScaling ? "scaled" : "flat"));
+    }
+    void playTest(const SoundPack& pack, double userVolume) override {
+        journal_.calls.append(
+            QStringLiteral("audio.playTest(%1,%2)").arg(pack.name).arg(userVolume));
+    }
 
   private:
     CallJournal& journal_;
@@ -100,8 +142,28 @@ class FakePackManager final : public SoundPackManagerInterface {
                 QStringLiteral("Lizard")};
     }
     QStringList customPacks() const override { return custom; }
+    void bootstrapUserPacks() override { record(QStringLiteral("packs.bootstrapUserPacks")); }
+    SoundPack pack(const QString& name) const override {
+        record(QStringLiteral("packs.pack(%1)").arg(name));
+        SoundPack p;
+        p.name = name;
+        p.directoryURL = QStringLiteral("/nonexistent/") + name;
+        p.files = files.value(name);
+        p.isCustom = name == QLatin1String("Custom");
+        return p;
+    }
+    void openCustomFolder() override { record(QStringLiteral("packs.openCustomFolder")); }
 
     QStringList custom;
+    QHash<QString, QStringList> files;  // pack name → its files
+
+  private:
+    void record(const QString& call) const {
+        if (journal_ != nullptr) {
+            journal_->calls.append(call);
+        }
+    }
+    CallJournal* journal_ = nullptr;
 };
 
 }  // namespace bonkwell::test
