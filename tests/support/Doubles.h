@@ -137,6 +137,9 @@ class RecordingAudio final : public AudioPlayerInterface {
 
 class FakePackManager final : public SoundPackManagerInterface {
   public:
+    FakePackManager() = default;
+    explicit FakePackManager(CallJournal& journal) : journal_(&journal) {}
+
     QStringList builtInPacks() const override {
         return {QStringLiteral("Pain"), QStringLiteral("Sexy"), QStringLiteral("Halo"),
                 QStringLiteral("Lizard")};
