@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrayWaiter.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDateTime>
+#include <QGuiApplication>
+
+#include <xcb/xcb.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace bonkwell {
+
+TrayWaiter::TrayWaiter(QObject* parent) : QObject(parent) {
+    connect(&timer_, &QTimer::timeout, this, [this] { poll(); });
+}
+
+void TrayWaiter::wait(std::function<void(Host)> onReady, int timeoutMs, int intervalMs) {
+    onReady_ = std::move(onReady);
+    deadline_ = QDateTime::currentMSecsSinceEpoch() + timeoutMs;
+    timer_.setInterval(intervalMs);
+    poll();
+    if (onReady_) {
+        timer_.start();
+    }
+}
+
+void TrayWaiter::poll() {
+    const Host host = currentHost();
+    if (host == Host::none && QDateTime::currentMSecsSinceEpoch() < deadline_) {
+        return;
+    }
+    timer_.stop();
+    auto callback = std::exchange(onReady_, {});
+    if (callback) {
+        callback(host);
+    }
+}
+
+TrayWaiter::Host TrayWaiter::currentHost() {
+    if (statusNotifierHostReady()) {
+        return Host::statusNotifier;
+    }
+    if (xembedTrayReady()) {
+        return Host::xembed;
+    }
+    return Host::none;
+}
+
+bool TrayWaiter::statusNotifierHostReady() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected() || bus.interface() == nullptr) {
+        return false;
+    }
+    const QString watcher = QStringLiteral("org.kde.StatusNotifierWatcher");
+    if (!bus.interface()->isServiceRegistered(watcher)) {
+        return false;
+    }
+    QDBusInterface iface(watcher, QStringLiteral("/StatusNotifierWatcher"), watcher, bus);
+    return iface.isValid() && iface.property("IsStatusNotifierHostRegistered").toBool();
+}
+
+bool TrayWaiter::xembedTrayReady() {
+    if (QGuiApplication::platformName() != QLatin1String("xcb")) {
+        return false;
+    }
+    auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    xcb_connection_t* c = x11 != nullptr ? x11->connection() : nullptr;
+    if (c == nullptr) {
+        return false;
+    }
+    // The screen number is the part after the dot of DISPLAY (":0.1"); 0 by default.
+    int screen = 0;
+    if (const char* display = std::getenv("DISPLAY"); display != nullptr) {
+        if (const char* dot = std::strrchr(display, '.'); dot != nullptr) {
+            screen = std::atoi(dot + 1);
+        }
+    }
+    const QByteArray name = "_NET_SYSTEM_TRAY_S" + QByteArray::number(screen);
+    xcb_intern_atom_reply_t* atomReply = xcb_intern_atom_reply(
+        c, xcb_intern_atom(c, 0, static_cast<uint16_t>(name.size()), name.constData()), nullptr);
+    if (atomReply == nullptr) {
+        return false;
+    }
+    xcb_get_selection_owner_reply_t* owner =
+        xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, atomReply->atom), nullptr);
+    std::free(atomReply);
+    const bool ready = owner != nullptr && owner->owner != XCB_NONE;
+    std::free(owner);
+    return ready;
+}
+
+QString TrayWaiter::describe(Host host) {
+    switch (host) {
+        case Host::statusNotifier:
+            return QStringLiteral("StatusNotifierItem");
+        case Host::xembed:
+            return QStringLiteral("XEmbed");
+        case Host::none:
+            break;
+    }
+    return QStringLiteral("none");
+}
+
+}  // namespace bonkwell
