@@ -64,11 +64,11 @@ class SoundPackManagerInterface {
     // The sub-folders of the user's Custom folder, in listing order.
     virtual QStringList customPacks() const = 0;
     // Seeds the user's sound folders from the bundled packs.
-    virtual void bootstrapUserPacks() = 0;
+    virtual void bootstrapUserPacks() const = 0;
     // Always a pack, possibly without files, for any name.
     virtual SoundPack pack(const QString& name) const = 0;
     // Opens the user's Custom folder in the desktop's file browser.
-    virtual void openCustomFolder() = 0;
+    virtual void openCustomFolder() const = 0;
 };
 
 }  // namespace bonkwell

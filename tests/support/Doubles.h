@@ -145,7 +145,7 @@ class FakePackManager final : public SoundPackManagerInterface {
                 QStringLiteral("Lizard")};
     }
     QStringList customPacks() const override { return custom; }
-    void bootstrapUserPacks() override { record(QStringLiteral("packs.bootstrapUserPacks")); }
+    void bootstrapUserPacks() const override { record(QStringLiteral("packs.bootstrapUserPacks")); }
     SoundPack pack(const QString& name) const override {
         record(QStringLiteral("packs.pack(%1)").arg(name));
         SoundPack p;
@@ -155,7 +155,7 @@ class FakePackManager final : public SoundPackManagerInterface {
         p.isCustom = name == QLatin1String("Custom");
         return p;
     }
-    void openCustomFolder() override { record(QStringLiteral("packs.openCustomFolder")); }
+    void openCustomFolder() const override { record(QStringLiteral("packs.openCustomFolder")); }
 
     QStringList custom;
     QHash<QString, QStringList> files;  // pack name → its files
