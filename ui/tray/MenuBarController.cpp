@@ -1,0 +1,273 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "MenuBarController.h"
+
+#include "CalibrationWindowController.h"
+#include "Log.h"
+#include "PopoverView.h"
+#include "SettingsWindowController.h"
+#include "TestEvents.h"
+
+#include <QApplication>
+#include <QCloseEvent>
+#include <QCursor>
+#include <QGuiApplication>
+#include <QPainter>
+#include <QPalette>
+#include <QScreen>
+#include <QVBoxLayout>
+
+#include <algorithm>
+
+namespace bonkwell {
+namespace {
+
+// A click outside the open panel closes it before the tray sees the click; a trigger that
+// close behind it is that same click and must not reopen the panel.
+constexpr qint64 kReopenGuardMs = 250;
+
+// Closing the fallback window ends the app.
+class FallbackWindow final : public QWidget {
+protected:
+    void closeEvent(QCloseEvent* event) override {
+        event->accept();
+        QCoreApplication::quit();
+    }
+};
+
+QString geometryText(const QWidget* w) {
+    return QStringLiteral("%1,%2 %3x%4").arg(w->x()).arg(w->y()).arg(w->width()).arg(w->height());
+}
+
+}  // namespace
+
+MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& detector,
+                                     AudioPlayerInterface& audio,
+                                     SoundPackManagerInterface& packManager,
+                                     ThuzzEngineInterface& engine, DesktopIntegration& desktop)
+    : state_(state),
+      detector_(detector),
+      audio_(audio),
+      packManager_(packManager),
+      engine_(engine),
+      desktop_(desktop) {
+    QPointer<MenuBarController> weak(this);
+    popup_ = std::make_unique<QWidget>(nullptr, Qt::Popup | Qt::FramelessWindowHint);
+    popup_->setObjectName(QStringLiteral("panelPopup"));
+    auto* layout = new QVBoxLayout(popup_.get());
+    layout->setContentsMargins(0, 0, 0, 0);
+    popover_ = new PopoverView(
+        state_, detector_, audio_, packManager_, engine_,
+        [weak] {
+            if (weak) {
+                weak->openSettings();
+            }
+        },
+        [weak] {
+            if (weak) {
+                weak->openCalibration();
+            }
+        },
+        [] { QCoreApplication::quit(); });
+    layout->addWidget(popover_);
+    popup_->installEventFilter(this);
+
+    connect(&menu_, &QMenu::aboutToShow, this, [this] {
+        rebuildMenu();
+        testEvent(QStringLiteral("menu shown"));
+    });
+    rebuildMenu();
+}
+
+MenuBarController::~MenuBarController() {
+    if (trayIcon_) {
+        trayIcon_->hide();
+    }
+}
+
+void MenuBarController::start(int trayTimeoutMs) {
+    waiter_.wait(
+        [this](TrayWaiter::Host host) {
+            if (host == TrayWaiter::Host::none) {
+                showFallbackWindow();
+            } else {
+                createTrayIcon(host);
+            }
+        },
+        trayTimeoutMs);
+}
+
+void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
+    trayIcon_ = std::make_unique<QSystemTrayIcon>(makeIcon());
+    trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
+    // The same menu for every host: hosts that draw the menu themselves export this one.
+    trayIcon_->setContextMenu(&menu_);
+    connect(trayIcon_.get(), &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
+    trayIcon_->show();
+    testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
+}
+
+void MenuBarController::showFallbackWindow() {
+    logLine(QStringLiteral(
+        "Bonkwell: no system tray found; showing the Bonkwell window instead (on GNOME, the "
+        "AppIndicator extension adds a tray)"));
+    auto* window = new FallbackWindow;
+    window->setAttribute(Qt::WA_DeleteOnClose);
+    window->setWindowTitle(QStringLiteral("Bonkwell"));
+    window->setWindowIcon(makeIcon());
+    auto* layout = new QVBoxLayout(window);
+    layout->setContentsMargins(0, 0, 0, 0);
+    // The panel moves from the popup into the window for the rest of the run.
+    popup_->hide();
+    layout->addWidget(popover_);
+    fallbackWindow_ = window;
+    popover_->refresh();
+    window->show();
+    testEvent(QStringLiteral("window shown Bonkwell"));
+}
+
+void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason) {
+    switch (reason) {
+        case QSystemTrayIcon::Trigger:
+        case QSystemTrayIcon::DoubleClick:
+            togglePopover();
+            break;
+        case QSystemTrayIcon::Context:
+        case QSystemTrayIcon::MiddleClick:
+        case QSystemTrayIcon::Unknown:
+            break;
+    }
+}
+
+QWidget* MenuBarController::panel() const { return popup_.get(); }
+
+bool MenuBarController::panelShown() const { return popup_->isVisible(); }
+
+void MenuBarController::togglePopover() {
+    if (fallbackWindow_ != nullptr) {
+        fallbackWindow_->show();
+        fallbackWindow_->raise();
+        fallbackWindow_->activateWindow();
+        return;
+    }
+    if (popup_->isVisible()) {
+        popup_->close();
+        return;
+    }
+    if (QDateTime::currentMSecsSinceEpoch() - popupHiddenAtMs_ < kReopenGuardMs) {
+        return;
+    }
+    popover_->refresh();
+    popup_->adjustSize();
+    positionPanel();
+    popup_->show();
+    popup_->raise();
+    popup_->activateWindow();
+    popover_->setFocus(Qt::PopupFocusReason);
+    testEvent(QStringLiteral("panel shown at %1").arg(geometryText(popup_.get())));
+}
+
+void MenuBarController::positionPanel() {
+    const QSize size = popup_->size();
+    const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
+    const QPoint anchor = icon.isValid() ? QPoint(icon.center().x(), icon.bottom() + 1)
+                                         : QCursor::pos();
+    QScreen* screen = QGuiApplication::screenAt(anchor);
+    if (screen == nullptr) {
+        screen = QGuiApplication::primaryScreen();
+    }
+    const QRect area = screen != nullptr ? screen->availableGeometry() : QRect(QPoint(), size);
+    QPoint topLeft(anchor.x() - size.width() / 2, anchor.y());
+    // A tray at the bottom of the screen: open upwards, above the icon.
+    if (icon.isValid() && topLeft.y() + size.height() > area.bottom()) {
+        topLeft.setY(icon.top() - size.height());
+    }
+    topLeft.setX(std::clamp(topLeft.x(), area.left(), std::max(area.left(), area.right() - size.width() + 1)));
+    topLeft.setY(std::clamp(topLeft.y(), area.top(), std::max(area.top(), area.bottom() - size.height() + 1)));
+    popup_->move(topLeft);
+}
+
+bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == popup_.get() && event->type() == QEvent::Hide) {
+        popupHiddenAtMs_ = QDateTime::currentMSecsSinceEpoch();
+        testEvent(QStringLiteral("panel hidden"));
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+void MenuBarController::rebuildMenu() {
+    // A fresh set of items each time the menu opens.
+    menu_.clear();
+    QAction* open = menu_.addAction(QStringLiteral("Open Bonkwell"));
+    connect(open, &QAction::triggered, this, [this] { togglePopover(); });
+    menu_.addSeparator();
+    QAction* settings = menu_.addAction(QStringLiteral("Settings\u2026"));
+    settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    connect(settings, &QAction::triggered, this, [this] { openSettings(); });
+    QAction* calibration = menu_.addAction(QStringLiteral("Calibration\u2026"));
+    connect(calibration, &QAction::triggered, this, [this] { openCalibration(); });
+    menu_.addSeparator();
+    QAction* quitAction = menu_.addAction(QStringLiteral("Quit Bonkwell"));
+    quitAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+    connect(quitAction, &QAction::triggered, this, [this] { quit(); });
+    ++menusBuilt_;
+}
+
+void MenuBarController::openSettings() {
+    if (!settingsWindow_) {
+        QPointer<MenuBarController> weak(this);
+        settingsWindow_ = std::make_unique<SettingsWindowController>(
+            state_, detector_, audio_, packManager_, engine_,
+            [weak] {
+                if (weak) {
+                    weak->openCalibration();
+                }
+            },
+            desktop_);
+    }
+    settingsWindow_->show();
+    if (QWidget* w = settingsWindow_->window()) {
+        testEvent(QStringLiteral("window shown %1").arg(w->windowTitle()));
+    }
+}
+
+void MenuBarController::openCalibration() {
+    if (!calibrationWindow_) {
+        calibrationWindow_ = std::make_unique<CalibrationWindowController>(state_, detector_);
+    }
+    calibrationWindow_->show();
+    if (QWidget* w = calibrationWindow_->window()) {
+        testEvent(QStringLiteral("window shown %1").arg(w->windowTitle()));
+    }
+}
+
+void MenuBarController::quit() { QCoreApplication::quit(); }
+
+QIcon MenuBarController::makeIcon() {
+    const QColor ink = QGuiApplication::palette().color(QPalette::WindowText);
+    QIcon icon;
+    const QIcon hand(QStringLiteral(":/icons/hand.svg"));
+    for (int side : {16, 18, 22, 24, 32, 48, 64}) {
+        QPixmap pixmap(side, side);
+        pixmap.fill(Qt::transparent);
+        QPainter painter(&pixmap);
+        painter.setRenderHint(QPainter::Antialiasing);
+        if (!hand.isNull()) {
+            hand.paint(&painter, pixmap.rect());
+            // Symbolic: the shape in the panel's text colour.
+            painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+            painter.fillRect(pixmap.rect(), ink);
+        } else {
+            // An 18×18 image holding a filled circle of diameter 12, centred.
+            const qreal scale = side / 18.0;
+            painter.setPen(Qt::NoPen);
+            painter.setBrush(ink);
+            painter.drawEllipse(QRectF(3 * scale, 3 * scale, 12 * scale, 12 * scale));
+        }
+        painter.end();
+        icon.addPixmap(pixmap);
+    }
+    return icon;
+}
+
+}  // namespace bonkwell
