@@ -231,4 +231,14 @@ void ThuzzEngine::handleStdout(const std::shared_ptr<Shared>& shared, const char
         });
 }
 
+void ThuzzEngineTestAccess::handleStdout(ThuzzEngine& engine, const char* data,
+                                         std::size_t size) {
+    ThuzzEngine::handleStdout(engine.shared_, data, size);
+}
+
+std::size_t ThuzzEngineTestAccess::bufferedBytes(const ThuzzEngine& engine) {
+    std::lock_guard lock(engine.shared_->bufferLock);
+    return engine.shared_->buffer.pendingBytes();
+}
+
 }  // namespace bonkwell

@@ -88,4 +88,12 @@ inline const QString notInstalled = QStringLiteral(
     "Helper not installed \u2014 open Settings \u2192 General \u2192 Install detection engine");
 }  // namespace ThuzzStatus
 
+// Test seam: the standard-output path without a child process.
+struct ThuzzEngineTestAccess {
+    // What the standard-output reader does with one chunk (call from any thread).
+    static void handleStdout(ThuzzEngine& engine, const char* data, std::size_t size);
+    // Bytes of an unfinished line held in the buffer right now.
+    static std::size_t bufferedBytes(const ThuzzEngine& engine);
+};
+
 }  // namespace bonkwell
