@@ -231,8 +231,7 @@ void ThuzzEngine::handleStdout(const std::shared_ptr<Shared>& shared, const char
         });
 }
 
-void ThuzzEngineTestAccess::handleStdout(ThuzzEngine& engine, const char* data,
-                                         std::size_t size) {
+void ThuzzEngineTestAccess::handleStdout(ThuzzEngine& engine, const char* data, std::size_t size) {
     ThuzzEngine::handleStdout(engine.shared_, data, size);
 }
 

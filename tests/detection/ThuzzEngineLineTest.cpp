@@ -52,7 +52,8 @@ class EngineLines : public ::testing::Test {
 };
 
 TEST_F(EngineLines, TwoEventsInOneChunkGiveTwoCallsInOrder) {
-    feed(QByteArray("{\"amplitude\":0.2,\"slapNumber\":1}\n{\"amplitude\":0.4,\"slapNumber\":2}\n"));
+    feed(
+        QByteArray("{\"amplitude\":0.2,\"slapNumber\":1}\n{\"amplitude\":0.4,\"slapNumber\":2}\n"));
     EXPECT_TRUE(events.empty()) << "events reach the main thread only through its queue";
     drainMainQueue();
     ASSERT_EQ(events.size(), 2u);
@@ -90,9 +91,10 @@ TEST_F(EngineLines, FinalLineWithoutNewlineStaysInTheBuffer) {
 }
 
 TEST_F(EngineLines, SeverityAbsentOrNotAStringIsEmpty) {
-    feed(QByteArray("{\"amplitude\":0.2,\"slapNumber\":1}\n"
-                    "{\"amplitude\":0.2,\"slapNumber\":1,\"severity\":3}\n"
-                    "{\"amplitude\":0.2,\"slapNumber\":1,\"severity\":\"soft\"}\n"));
+    feed(
+        QByteArray("{\"amplitude\":0.2,\"slapNumber\":1}\n"
+                   "{\"amplitude\":0.2,\"slapNumber\":1,\"severity\":3}\n"
+                   "{\"amplitude\":0.2,\"slapNumber\":1,\"severity\":\"soft\"}\n"));
     drainMainQueue();
     ASSERT_EQ(events.size(), 3u);
     EXPECT_EQ(events[0].severity, "");
@@ -104,8 +106,7 @@ TEST_F(EngineLines, AmplitudeAsStringIsLoggedNotAnEvent) {
     feed(QByteArray("{\"amplitude\":\"0.2\",\"slapNumber\":1}\n"));
     drainMainQueue();
     EXPECT_TRUE(events.empty());
-    EXPECT_EQ(log.lines(),
-              QStringList{"thuzz-detector: {\"amplitude\":\"0.2\",\"slapNumber\":1}"});
+    EXPECT_EQ(log.lines(), QStringList{"thuzz-detector: {\"amplitude\":\"0.2\",\"slapNumber\":1}"});
 }
 
 TEST_F(EngineLines, FractionalSlapNumberIsNotAnEvent) {
@@ -146,8 +147,9 @@ TEST_F(EngineLines, OverlongLineIsDroppedWithOneLogLineAndTheNextLineCounts) {
     feed(chunks);
     drainMainQueue();
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(log.lines(),
-              QStringList{"Bonkwell: dropped a thuzz-detector output line longer than 65536 bytes"});
+    EXPECT_EQ(
+        log.lines(),
+        QStringList{"Bonkwell: dropped a thuzz-detector output line longer than 65536 bytes"});
 }
 
 TEST_F(EngineLines, LineOfExactly64KiBIsStillALine) {
@@ -197,8 +199,9 @@ TEST_F(EngineLines, FuzzRandomChunkingOfRandomAndValidLines) {
                     ThuzzEvent event;
                     event.amplitude = pick(100000) / 1000.0;
                     event.slapNumber = ++number;
-                    QByteArray line = "{\"amplitude\":" + QByteArray::number(event.amplitude, 'g', 17) +
-                                      ",\"slapNumber\":" + QByteArray::number(event.slapNumber);
+                    QByteArray line =
+                        "{\"amplitude\":" + QByteArray::number(event.amplitude, 'g', 17) +
+                        ",\"slapNumber\":" + QByteArray::number(event.slapNumber);
                     if (pick(2) == 0) {
                         event.severity = QStringLiteral("s%1").arg(pick(5));
                         line += ",\"severity\":\"" + event.severity.toUtf8() + "\"";
@@ -223,10 +226,12 @@ TEST_F(EngineLines, FuzzRandomChunkingOfRandomAndValidLines) {
                     break;
                 }
                 case 4: {  // near misses
-                    const char* misses[] = {
-                        "{\"amplitude\":0.2,\"slapNumber\":1.5}", "{\"amplitude\":\"1\",\"slapNumber\":1}",
-                        "{\"amplitude\":0.2}", "[1,2,3]", "{\"amplitude\":0.2,\"slapNumber\":1",
-                        "ready"};
+                    const char* misses[] = {"{\"amplitude\":0.2,\"slapNumber\":1.5}",
+                                            "{\"amplitude\":\"1\",\"slapNumber\":1}",
+                                            "{\"amplitude\":0.2}",
+                                            "[1,2,3]",
+                                            "{\"amplitude\":0.2,\"slapNumber\":1",
+                                            "ready"};
                     stream += QByteArray(misses[pick(6)]) + '\n';
                     ++expectedLogLines;
                     break;
@@ -253,7 +258,10 @@ TEST_F(EngineLines, FuzzRandomChunkingOfRandomAndValidLines) {
         std::vector<QByteArray> chunks;
         for (qsizetype at = 0; at < stream.size();) {
             const int kind = pick(4);
-            const qsizetype len = kind == 0 ? 1 : kind == 1 ? pick(16) : kind == 2 ? pick(512) : pick(70000);
+            const qsizetype len = kind == 0   ? 1
+                                  : kind == 1 ? pick(16)
+                                  : kind == 2 ? pick(512)
+                                              : pick(70000);
             chunks.push_back(stream.mid(at, len));
             at += len;
         }

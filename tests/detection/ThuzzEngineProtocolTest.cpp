@@ -74,8 +74,9 @@ TEST(ShortestRoundTrip, KnownValues) {
 // Python's repr() of a float is the reference for this form: compare many values.
 TEST(ShortestRoundTrip, AgreesWithPythonRepr) {
     std::mt19937_64 rng(20261121);
-    std::vector<double> values{0.05, 0.125, 1.0, 0.3, 0.0001, 0.00009999999999999999, 1e15,
-                               9999999999999998.0, 1e16, 0.1, 2.0 / 3.0, 1e-5, 123.456};
+    std::vector<double> values{
+        0.05, 0.125, 1.0,       0.3,  0.0001, 0.00009999999999999999, 1e15, 9999999999999998.0,
+        1e16, 0.1,   2.0 / 3.0, 1e-5, 123.456};
     std::uniform_real_distribution<double> exponent(-4.0, 15.0);
     std::uniform_real_distribution<double> mantissa(1.0, 10.0);
     for (int i = 0; i < 20000; ++i) {
@@ -211,8 +212,7 @@ std::vector<QByteArray> split(LineSplitter& splitter, const QByteArray& chunk, i
 TEST(LineSplitter, CutsAtNewlinesAndKeepsTheRest) {
     LineSplitter splitter;
     int overlong = 0;
-    EXPECT_EQ(split(splitter, "a\nbb\n\nccc", &overlong),
-              (std::vector<QByteArray>{"a", "bb", ""}));
+    EXPECT_EQ(split(splitter, "a\nbb\n\nccc", &overlong), (std::vector<QByteArray>{"a", "bb", ""}));
     EXPECT_EQ(splitter.pendingBytes(), 3u);
     EXPECT_EQ(split(splitter, "d\r\n", &overlong), (std::vector<QByteArray>{"cccd\r"}));
     EXPECT_EQ(splitter.pendingBytes(), 0u);

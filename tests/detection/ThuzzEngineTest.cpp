@@ -107,8 +107,8 @@ class Engine : public ::testing::Test {
     void installFakeHelper(mode_t mode = 04755) {
         writeFile(helperPath(), readFile(QStringLiteral(FAKE_HELPERS_DIR "/thuzz-detector.sh")),
                   mode);
-        ASSERT_EQ(engine->installState(), mode & 04000 ? InstallState::installed
-                                                        : InstallState::notSetuid);
+        ASSERT_EQ(engine->installState(),
+                  mode & 04000 ? InstallState::installed : InstallState::notSetuid);
     }
 
     QStringList startedPids() const {
@@ -265,8 +265,8 @@ TEST_F(Engine, ChildEndingReportsEngineStoppedAndStartLaunchesAgain) {
     EXPECT_FALSE(engine->isRunning());
     engine->start();
     ASSERT_TRUE(waitUntil([&] { return statuses.size() == 4; }));
-    EXPECT_EQ(statuses,
-              (QStringList{"Engine running", "Engine stopped", "Engine running", "Engine stopped"}));
+    EXPECT_EQ(statuses, (QStringList{"Engine running", "Engine stopped", "Engine running",
+                                     "Engine stopped"}));
     EXPECT_EQ(startedPids().size(), 2);
 }
 
@@ -319,8 +319,9 @@ TEST_F(Engine, HundredMegabyteLineWithoutNewlineKeepsMemoryBounded) {
     EXPECT_LT(growth, 16 * 1024) << "peak resident memory grew by " << growth << " KiB";
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0], (ThuzzEvent{0.5, "hard", 7}));
-    EXPECT_EQ(log.lines(),
-              QStringList{"Bonkwell: dropped a thuzz-detector output line longer than 65536 bytes"});
+    EXPECT_EQ(
+        log.lines(),
+        QStringList{"Bonkwell: dropped a thuzz-detector output line longer than 65536 bytes"});
 }
 
 }  // namespace
