@@ -118,6 +118,31 @@ void removeItem(const QString& path) {
     }
 }
 
+// Creates `path` and any missing parents with mode 0755 (less the umask).
+void makeFolders(const QString& path) {
+    const QStringList parts = QDir::cleanPath(path).split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    QString sofar;
+    for (const QString& part : parts) {
+        sofar += QLatin1Char('/') + part;
+        ::mkdir(QFile::encodeName(sofar).constData(), 0755);
+    }
+}
+
+// The administrator step only accepts a helper folder that nobody else may change, so the
+// app's own "Bonkwell" and "Helpers" folders lose any group or other write bit a loose umask
+// gave them. Folders that are not ours are left as they are (the step explains its refusal).
+void tightenOwnFolders(const QString& helpersDir) {
+    const QString helpers = QDir::cleanPath(helpersDir);
+    for (const QString& dir : {helpers, QFileInfo(helpers).absolutePath()}) {
+        const QByteArray native = QFile::encodeName(dir);
+        struct stat st {};
+        if (::lstat(native.constData(), &st) == 0 && S_ISDIR(st.st_mode) &&
+            st.st_uid == ::geteuid() && (st.st_mode & 022) != 0) {
+            ::chmod(native.constData(), st.st_mode & 07755);
+        }
+    }
+}
+
 }  // namespace
 
 QString installDir() {
@@ -212,7 +237,8 @@ bool installHelper(const std::function<void(const QString&)>& report) {
     }
     const QString dir = installDir();
     const QString target = installedHelperPath();
-    QDir().mkpath(dir);
+    makeFolders(dir);
+    tightenOwnFolders(dir);
     removeItem(target);
     QString error;
     if (!copyFile(*bundled, target, &error)) {
@@ -223,7 +249,12 @@ bool installHelper(const std::function<void(const QString&)>& report) {
     // The administrator step: our privileged program makes a root-owned set-user-ID copy
     // from the trusted copy beside it. As root already, it runs without a prompt.
     const QString setup = setupProgramFor(*bundled);
-    const QString folder = QDir::cleanPath(dir);
+    // The privileged program follows no symbolic link, so it gets the folder's real path
+    // (a home folder reached through a link is still the user's own).
+    QString folder = QFileInfo(dir).canonicalFilePath();
+    if (folder.isEmpty()) {
+        folder = QDir::cleanPath(dir);
+    }
     const bool viaPkexec = ::geteuid() != 0;
     QString program = setup;
     QStringList arguments{folder};

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "ThuzzEngineProcess.h"
 
+#include <QFile>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -59,7 +61,7 @@ int Pipe::takeReadEnd() {
 std::shared_ptr<ChildProcess> ChildProcess::launch(const QString& program,
                                                    const QStringList& arguments, int stdoutFd,
                                                    int stderrFd, QString* error) {
-    const QByteArray path = program.toLocal8Bit();
+    const QByteArray path = QFile::encodeName(program);
     std::vector<QByteArray> storage;
     storage.reserve(static_cast<std::size_t>(arguments.size()) + 1);
     storage.push_back(path);
@@ -151,6 +153,7 @@ PipeReader::PipeReader(int fd, std::function<void(const char*, std::size_t)> onC
 }
 
 PipeReader::~PipeReader() {
+    cancelled_.store(true);
     const std::uint64_t one = 1;
     if (cancelFd_ >= 0) {
         [[maybe_unused]] const ssize_t n = ::write(cancelFd_, &one, sizeof one);
@@ -168,7 +171,11 @@ void PipeReader::run() {
     std::vector<char> chunk(64 * 1024);
     for (;;) {
         pollfd fds[2] = {{fd_, POLLIN, 0}, {cancelFd_, POLLIN, 0}};
-        const int ready = ::poll(fds, cancelFd_ >= 0 ? 2 : 1, -1);
+        // Without a cancel descriptor (the system refused one) look at the flag now and then.
+        const int ready = ::poll(fds, cancelFd_ >= 0 ? 2 : 1, cancelFd_ >= 0 ? -1 : 100);
+        if (cancelled_.load()) {
+            return;
+        }
         if (ready < 0) {
             if (errno == EINTR) {
                 continue;

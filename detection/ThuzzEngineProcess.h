@@ -87,6 +87,7 @@ class PipeReader {
 
     int fd_;
     int cancelFd_;
+    std::atomic<bool> cancelled_{false};
     std::function<void(const char*, std::size_t)> onChunk_;
     std::thread thread_;
 };

@@ -150,6 +150,28 @@ TEST_F(Install, ReinstallReplacesAnOlderCopy) {
     EXPECT_EQ(readFile(installed()), kTrusted);
 }
 
+TEST_F(Install, LooseModesOfTheAppsOwnFoldersAreTightened) {
+    const QString bonkwell = xdg.dataHome() + "/Bonkwell";
+    QDir().mkpath(bonkwell + "/Helpers");
+    chmodPath(bonkwell, 0775);
+    chmodPath(bonkwell + "/Helpers", 0777);
+    EXPECT_TRUE(engine.installHelper());
+    EXPECT_EQ(statuses, QStringList{"Detection engine installed"});
+    EXPECT_EQ(lstatOf(bonkwell).st_mode & 07777, 0755u);
+    EXPECT_EQ(lstatOf(bonkwell + "/Helpers").st_mode & 07777, 0755u);
+}
+
+TEST_F(Install, ADataHomeReachedThroughASymlinkStillInstalls) {
+    const QString real = tmp.path() + "/real-data";
+    QDir().mkpath(real);
+    ASSERT_TRUE(QFile::link(real, tmp.path() + "/linked-data"));
+    ::setenv("XDG_DATA_HOME", qPrintable(tmp.path() + "/linked-data"), 1);
+    EXPECT_TRUE(engine.installHelper());
+    EXPECT_EQ(statuses, QStringList{"Detection engine installed"});
+    EXPECT_EQ(lstatOf(real + "/Bonkwell/Helpers/thuzz-detector").st_mode & 07777, 04755u);
+    EXPECT_EQ(engine.installState(), InstallState::installed);
+}
+
 TEST_F(Install, ASymlinkPlantedAtTheTargetIsRemovedNotFollowed) {
     const QString victim = tmp.path() + "/victim";
     writeFile(victim, "somebody else's file\n", 0644);
