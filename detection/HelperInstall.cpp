@@ -314,8 +314,13 @@ bool installHelper(const std::function<void(const QString&)>& report) {
                 why.clear();
             }
         }
+        const QString how =
+            status >= 0 && WIFEXITED(status)     ? QStringLiteral("exit code %1").arg(code)
+            : status >= 0 && WIFSIGNALED(status) ? QStringLiteral("signal %1").arg(WTERMSIG(status))
+                                                 : QStringLiteral("an unknown status");
         logLine(
-            QStringLiteral("Bonkwell: helper installation step exited with status %1").arg(status));
+            QStringLiteral("Bonkwell: the helper installation step %1 ended with %2")
+                .arg(viaPkexec ? QStringLiteral("(pkexec)") : QStringLiteral("(as root)"), how));
         say(adminFailedPrefix + why);
         return false;
     }

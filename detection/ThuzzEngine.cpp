@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,6 +44,11 @@ std::optional<QString> decodeUtf8(const char* data, std::size_t size) {
         return std::nullopt;
     }
     return text;
+}
+
+// True when the kernel will ignore set-user-ID bits for this process and its children.
+bool noNewPrivileges() {
+    return ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
 }
 
 // Writes all of `bytes` to `fd`, ignoring failures, without letting a closed reader raise
@@ -117,6 +123,11 @@ void ThuzzEngine::start() {
     if (installState() != InstallState::installed) {
         report(ThuzzStatus::notInstalled);
         return;
+    }
+    if (noNewPrivileges()) {
+        logLine(
+            QStringLiteral("Bonkwell: this process runs with no_new_privs set, so the "
+                           "set-user-ID helper will start without root rights"));
     }
     const QString program = installDir() + QLatin1String(HelperInstall::kHelperName);
     const QStringList arguments = thuzzLaunchArguments(minAmplitude_, cooldownMs_);

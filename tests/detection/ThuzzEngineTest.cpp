@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -322,6 +323,21 @@ TEST_F(Engine, HundredMegabyteLineWithoutNewlineKeepsMemoryBounded) {
     EXPECT_EQ(
         log.lines(),
         QStringList{"Bonkwell: dropped a thuzz-detector output line longer than 65536 bytes"});
+}
+
+TEST_F(Engine, NoNewPrivilegesIsLoggedAtStart) {
+    installFakeHelper();
+    const bool alreadySet = ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+    engine->start();
+    EXPECT_EQ(log.lines().join('|').contains("no_new_privs"), alreadySet);
+    engine->stop();
+    // Irreversible for this process; nothing else in this program relies on set-user-ID.
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    engine->start();
+    EXPECT_TRUE(log.lines().join('|').contains(
+        "Bonkwell: this process runs with no_new_privs set, so the set-user-ID helper will "
+        "start without root rights"));
+    EXPECT_TRUE(statuses.contains("Engine running"));
 }
 
 }  // namespace
