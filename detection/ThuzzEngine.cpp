@@ -8,6 +8,7 @@
 #include "ThuzzEngineProtocol.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QStringDecoder>
 
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,6 +51,12 @@ std::optional<QString> decodeUtf8(const char* data, std::size_t size) {
 // True when the kernel will ignore set-user-ID bits for this process and its children.
 bool noNewPrivileges() {
     return ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+}
+
+bool onNoSuidMount(const QString& path) {
+    struct statvfs vfs {};
+    return ::statvfs(QFile::encodeName(path).constData(), &vfs) == 0 &&
+           (vfs.f_flag & ST_NOSUID) != 0;
 }
 
 // Writes all of `bytes` to `fd`, ignoring failures, without letting a closed reader raise
@@ -128,6 +136,11 @@ void ThuzzEngine::start() {
         logLine(
             QStringLiteral("Bonkwell: this process runs with no_new_privs set, so the "
                            "set-user-ID helper will start without root rights"));
+    }
+    if (onNoSuidMount(installDir())) {
+        logLine(QStringLiteral("Bonkwell: %1 is on a file system mounted nosuid, so the "
+                               "set-user-ID helper will start without root rights")
+                    .arg(installDir()));
     }
     const QString program = installDir() + QLatin1String(HelperInstall::kHelperName);
     const QStringList arguments = thuzzLaunchArguments(minAmplitude_, cooldownMs_);

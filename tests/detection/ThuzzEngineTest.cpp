@@ -15,10 +15,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -99,11 +102,16 @@ class Engine : public ::testing::Test {
         }
         drainMainQueue();
         engine.reset();
+        if (!mountPoint.isEmpty()) {
+            ::umount2(QFile::encodeName(mountPoint).constData(), MNT_DETACH);
+        }
         ::unsetenv("FAKE_RECORD");
         ::unsetenv("XDG_DATA_DIRS");
     }
 
-    QString helperPath() const { return xdg.dataHome() + "/Bonkwell/Helpers/thuzz-detector"; }
+    QString helperPath() const {
+        return qEnvironmentVariable("XDG_DATA_HOME") + "/Bonkwell/Helpers/thuzz-detector";
+    }
 
     void installFakeHelper(mode_t mode = 04755) {
         writeFile(helperPath(), readFile(QStringLiteral(FAKE_HELPERS_DIR "/thuzz-detector.sh")),
@@ -134,6 +142,7 @@ class Engine : public ::testing::Test {
 
     TemporaryXdgHome xdg;
     QTemporaryDir record;
+    QString mountPoint;
     LogCapture log;
     std::unique_ptr<ThuzzEngine> engine;
     std::vector<ThuzzEvent> events;
@@ -323,6 +332,29 @@ TEST_F(Engine, HundredMegabyteLineWithoutNewlineKeepsMemoryBounded) {
     EXPECT_EQ(
         log.lines(),
         QStringList{"Bonkwell: dropped a thuzz-detector output line longer than 65536 bytes"});
+}
+
+TEST_F(Engine, AHelperFolderOnANosuidMountIsLoggedAtStart) {
+    installFakeHelper();
+    engine->start();
+    engine->stop();
+    EXPECT_FALSE(log.lines().join('|').contains("nosuid"));
+    mountPoint = record.path() + "/nosuid";
+    QDir().mkpath(mountPoint);
+    ASSERT_EQ(
+        ::mount("tmpfs", QFile::encodeName(mountPoint).constData(), "tmpfs", MS_NOSUID, "size=1m"),
+        0)
+        << "mounting a tmpfs needs root with CAP_SYS_ADMIN: " << std::strerror(errno);
+    ::setenv("XDG_DATA_HOME", qPrintable(mountPoint), 1);
+    installFakeHelper();
+    engine->start();
+    EXPECT_TRUE(log.lines().contains("Bonkwell: " + mountPoint +
+                                     "/Bonkwell/Helpers/ is on a file system mounted nosuid, so "
+                                     "the set-user-ID helper will start without root rights"))
+        << log.lines().join('\n').toStdString();
+    EXPECT_TRUE(statuses.contains("Engine running"));
+    engine->stop();
+    ::setenv("XDG_DATA_HOME", qPrintable(xdg.dataHome()), 1);
 }
 
 TEST_F(Engine, NoNewPrivilegesIsLoggedAtStart) {
