@@ -144,6 +144,24 @@ TEST_F(Install, FullInstallAsRootMakesA4755RootCopyOfTheBundledHelper) {
     EXPECT_EQ(engine.installState(), InstallState::installed);
 }
 
+TEST_F(Install, TheInstalledHelperIsWhatStartLaunches) {
+    writeFile(bundleDir + "/thuzz-detector",
+              "#!/bin/sh\nprintf '{\"amplitude\":0.25,\"slapNumber\":1}\\n'\nexec sleep 30\n",
+              0755);
+    std::vector<ThuzzEvent> events;
+    engine.setOnEvent([&events](const ThuzzEvent& event) { events.push_back(event); });
+    EXPECT_EQ(engine.installState(), InstallState::notInstalled);
+    ASSERT_TRUE(engine.installHelper());
+    engine.start();
+    EXPECT_TRUE(waitUntil([&] { return !events.empty(); }));
+    engine.stop();
+    EXPECT_TRUE(waitUntil([&] { return statuses.size() == 3; }));
+    EXPECT_EQ(statuses,
+              (QStringList{"Detection engine installed", "Engine running", "Engine stopped"}));
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0], (ThuzzEvent{0.25, "", 1}));
+}
+
 TEST_F(Install, ReinstallReplacesAnOlderCopy) {
     placeInstalled(04755);
     EXPECT_TRUE(engine.installHelper());
