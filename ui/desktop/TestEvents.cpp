@@ -6,9 +6,13 @@
 
 namespace bonkwell {
 
-void testEvent(const QString& what) {
+bool testEventsEnabled() {
     static const bool enabled = std::getenv("BONKWELL_TEST_EVENTS") != nullptr;
-    if (!enabled) {
+    return enabled;
+}
+
+void testEvent(const QString& what) {
+    if (!testEventsEnabled()) {
         return;
     }
     std::fprintf(stderr, "bonkwell-event: %s\n", what.toUtf8().constData());

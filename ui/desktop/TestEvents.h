@@ -9,5 +9,6 @@ namespace bonkwell {
 // "window shown <title>"). Written to stderr as "bonkwell-event: …" only when the
 // environment variable BONKWELL_TEST_EVENTS is set; otherwise nothing.
 void testEvent(const QString& what);
+bool testEventsEnabled();
 
 }  // namespace bonkwell

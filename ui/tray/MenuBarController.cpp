@@ -38,6 +38,25 @@ QString geometryText(const QWidget* w) {
     return QStringLiteral("%1,%2 %3x%4").arg(w->x()).arg(w->y()).arg(w->width()).arg(w->height());
 }
 
+// For the desktop tests: where each named control of a window is on screen.
+void reportWidgets(const QString& where, const QWidget* top) {
+    if (!testEventsEnabled()) {
+        return;
+    }
+    for (const QWidget* child : top->findChildren<QWidget*>()) {
+        if (child->objectName().isEmpty() || !child->isVisible()) {
+            continue;
+        }
+        const QPoint at = child->mapToGlobal(QPoint(0, 0));
+        testEvent(QStringLiteral("%1 widget %2 at %3,%4 %5x%6")
+                      .arg(where, child->objectName())
+                      .arg(at.x())
+                      .arg(at.y())
+                      .arg(child->width())
+                      .arg(child->height()));
+    }
+}
+
 }  // namespace
 
 MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& detector,
@@ -165,6 +184,7 @@ void MenuBarController::togglePopover() {
     popup_->activateWindow();
     popover_->setFocus(Qt::PopupFocusReason);
     testEvent(QStringLiteral("panel shown at %1").arg(geometryText(popup_.get())));
+    reportWidgets(QStringLiteral("panel"), popup_.get());
 }
 
 void MenuBarController::positionPanel() {

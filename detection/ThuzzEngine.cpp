@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "ThuzzEngine.h"
+
+#include "HelperInstall.h"
+#include "Log.h"
+#include "MainQueue.h"
+#include "ThuzzEngineProcess.h"
+#include "ThuzzEngineProtocol.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QStringDecoder>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <mutex>
+
+namespace bonkwell {
+
+// What the background threads and queued tasks may reach. The readers and the termination
+// watcher hold it weakly; a queued event holds it strongly.
+struct ThuzzEngine::Shared {
+    std::mutex bufferLock;
+    LineSplitter buffer;  // guarded by bufferLock
+
+    // Main thread only.
+    EventHandler onEvent;
+    StatusHandler onStatus;
+    bool alive = true;
+};
+
+namespace {
+
+std::optional<QString> decodeUtf8(const char* data, std::size_t size) {
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder(QByteArrayView(data, static_cast<qsizetype>(size)));
+    if (decoder.hasError()) {
+        return std::nullopt;
+    }
+    return text;
+}
+
+// True when the kernel will ignore set-user-ID bits for this process and its children.
+bool noNewPrivileges() {
+    return ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1;
+}
+
+bool onNoSuidMount(const QString& path) {
+    struct statvfs vfs {};
+    return ::statvfs(QFile::encodeName(path).constData(), &vfs) == 0 &&
+           (vfs.f_flag & ST_NOSUID) != 0;
+}
+
+// Writes all of `bytes` to `fd`, ignoring failures, without letting a closed reader raise
+// SIGPIPE in this process.
+void writeIgnoringErrors(int fd, const QByteArray& bytes) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) {
+        return;
+    }
+    const bool socket = S_ISSOCK(st.st_mode);
+    sigset_t pipeOnly;
+    sigset_t previous;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous);
+    bool raisedPipe = false;
+    const char* data = bytes.constData();
+    auto left = static_cast<std::size_t>(bytes.size());
+    while (left > 0) {
+        const ssize_t n = socket ? ::send(fd, data, left, MSG_NOSIGNAL) : ::write(fd, data, left);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            raisedPipe = errno == EPIPE && !socket;
+            break;
+        }
+        data += n;
+        left -= static_cast<std::size_t>(n);
+    }
+    if (raisedPipe) {
+        // Consume the SIGPIPE our write left pending before unblocking it.
+        const timespec zero{0, 0};
+        sigtimedwait(&pipeOnly, nullptr, &zero);
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+}  // namespace
+
+ThuzzEngine::ThuzzEngine() : shared_(std::make_shared<Shared>()) {}
+
+ThuzzEngine::~ThuzzEngine() {
+    shared_->alive = false;
+    // The readers go (and wait for their threads); a running child is left alone.
+    stdoutPipe_.reset();
+    stderrPipe_.reset();
+}
+
+void ThuzzEngine::setOnEvent(EventHandler handler) {
+    shared_->onEvent = std::move(handler);
+}
+
+void ThuzzEngine::setOnStatus(StatusHandler handler) {
+    shared_->onStatus = std::move(handler);
+}
+
+void ThuzzEngine::report(const QString& status) const {
+    if (shared_->onStatus) {
+        shared_->onStatus(status);
+    }
+}
+
+bool ThuzzEngine::isRunning() const {
+    return process_ != nullptr && process_->isRunning();
+}
+
+void ThuzzEngine::start() {
+    if (isRunning()) {
+        return;
+    }
+    if (installState() != InstallState::installed) {
+        report(ThuzzStatus::notInstalled);
+        return;
+    }
+    if (noNewPrivileges()) {
+        logLine(
+            QStringLiteral("Bonkwell: this process runs with no_new_privs set, so the "
+                           "set-user-ID helper will start without root rights"));
+    }
+    if (onNoSuidMount(installDir())) {
+        logLine(QStringLiteral("Bonkwell: %1 is on a file system mounted nosuid, so the "
+                               "set-user-ID helper will start without root rights")
+                    .arg(installDir()));
+    }
+    const QString program = installDir() + QLatin1String(HelperInstall::kHelperName);
+    const QStringList arguments = thuzzLaunchArguments(minAmplitude_, cooldownMs_);
+
+    QString error;
+    Pipe out;
+    Pipe err;
+    if (!out.open(&error) || !err.open(&error)) {
+        report(ThuzzStatus::launchFailedPrefix + error);
+        return;
+    }
+    std::shared_ptr<ChildProcess> child =
+        ChildProcess::launch(program, arguments, out.writeEnd, err.writeEnd, &error);
+    if (child == nullptr) {
+        report(ThuzzStatus::launchFailedPrefix + error);
+        return;
+    }
+    out.closeWriteEnd();
+    err.closeWriteEnd();
+
+    // Readers of an earlier child that has ended are dropped before the new ones start.
+    stdoutPipe_.reset();
+    stderrPipe_.reset();
+
+    std::weak_ptr<Shared> weak = shared_;
+    child->watchTermination([weak]() {
+        if (QCoreApplication::instance() == nullptr) {
+            return;
+        }
+        MainQueue::post([weak]() {
+            const std::shared_ptr<Shared> shared = weak.lock();
+            if (shared && shared->alive && shared->onStatus) {
+                shared->onStatus(ThuzzStatus::stopped);
+            }
+        });
+    });
+    stdoutPipe_ =
+        std::make_unique<PipeReader>(out.takeReadEnd(), [weak](const char* data, std::size_t size) {
+            if (const std::shared_ptr<Shared> shared = weak.lock()) {
+                handleStdout(shared, data, size);
+            }
+        });
+    stderrPipe_ =
+        std::make_unique<PipeReader>(err.takeReadEnd(), [](const char* data, std::size_t size) {
+            if (size == 0) {
+                return;
+            }
+            if (const std::optional<QString> text = decodeUtf8(data, size)) {
+                logLine(QStringLiteral("thuzz-detector stderr: ") + *text);
+            }
+        });
+    process_ = std::move(child);
+    report(ThuzzStatus::running);
+}
+
+void ThuzzEngine::stop() {
+    if (process_ != nullptr) {
+        process_->terminate();
+        process_.reset();
+    }
+    stdoutPipe_.reset();
+    stderrPipe_.reset();
+}
+
+void ThuzzEngine::updateTuning(double amplitude, std::int64_t cooldownMs) {
+    minAmplitude_ = amplitude;
+    cooldownMs_ = cooldownMs;
+    if (!isRunning()) {
+        return;
+    }
+    // The child shares this process's standard input; that is the only handle to write to.
+    if (::fcntl(STDIN_FILENO, F_GETFD) < 0) {
+        return;
+    }
+    const std::optional<QByteArray> line = thuzzSetCommand(amplitude, cooldownMs);
+    if (!line) {
+        logLine(QStringLiteral("Bonkwell: not sending a non-finite amplitude to thuzz-detector"));
+        return;
+    }
+    writeIgnoringErrors(STDIN_FILENO, *line);
+}
+
+void ThuzzEngine::handleStdout(const std::shared_ptr<Shared>& shared, const char* data,
+                               std::size_t size) {
+    if (size == 0) {
+        return;
+    }
+    std::lock_guard lock(shared->bufferLock);
+    shared->buffer.append(
+        data, size,
+        [&shared](const QByteArray& line) {
+            if (std::optional<ThuzzEvent> event = decodeThuzzEvent(line)) {
+                MainQueue::post([strong = shared, event = std::move(*event)]() {
+                    if (strong->onEvent) {
+                        strong->onEvent(event);
+                    }
+                });
+                return;
+            }
+            if (line.isEmpty()) {
+                return;
+            }
+            if (const std::optional<QString> text =
+                    decodeUtf8(line.constData(), static_cast<std::size_t>(line.size()))) {
+                logLine(QStringLiteral("thuzz-detector: ") + *text);
+            }
+        },
+        [&shared]() {
+            logLine(QStringLiteral("Bonkwell: dropped a thuzz-detector output line longer "
+                                   "than %1 bytes")
+                        .arg(shared->buffer.maxLineBytes()));
+        });
+}
+
+void ThuzzEngineTestAccess::handleStdout(ThuzzEngine& engine, const char* data, std::size_t size) {
+    ThuzzEngine::handleStdout(engine.shared_, data, size);
+}
+
+std::size_t ThuzzEngineTestAccess::bufferedBytes(const ThuzzEngine& engine) {
+    std::lock_guard lock(engine.shared_->bufferLock);
+    return engine.shared_->buffer.pendingBytes();
+}
+
+}  // namespace bonkwell

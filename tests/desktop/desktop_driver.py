@@ -1,0 +1,191 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""Drives the app in a desktop session like a person would, for the end-to-end tests.
+
+Starts the app with BONKWELL_TEST_EVENTS set and follows its "bonkwell-event: …" lines on
+stderr; clicks with xdotool; talks to a StatusNotifier item over D-Bus; takes screenshots.
+"""
+import json
+import os
+import queue
+import re
+import subprocess
+import threading
+import time
+
+
+class Failure(Exception):
+    pass
+
+
+def run(*args, check=True, timeout=20):
+    result = subprocess.run(args, capture_output=True, text=True, timeout=timeout)
+    if check and result.returncode != 0:
+        raise Failure(f"{' '.join(args)} failed: {result.stderr.strip()}")
+    return result.stdout
+
+
+class App:
+    """The app under test, started in its own XDG folders."""
+
+    def __init__(self, binary, home, extra_env=None):
+        self.home = home
+        self.config = os.path.join(home, "config")
+        self.data = os.path.join(home, "data")
+        os.makedirs(self.config, exist_ok=True)
+        os.makedirs(self.data, exist_ok=True)
+        env = dict(os.environ)
+        env.update({
+            "XDG_CONFIG_HOME": self.config,
+            "XDG_DATA_HOME": self.data,
+            "BONKWELL_TEST_EVENTS": "1",
+            "QT_QPA_PLATFORM": "xcb",
+        })
+        env.update(extra_env or {})
+        self.events = queue.Queue()
+        self.log = []
+        self.proc = subprocess.Popen([binary], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.PIPE, text=True, env=env)
+        self.started = time.monotonic()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.proc.stderr:
+            line = line.rstrip("\n")
+            self.log.append(line)
+            if line.startswith("bonkwell-event: "):
+                self.events.put((time.monotonic(), line[len("bonkwell-event: "):]))
+
+    def wait_event(self, pattern, timeout=15):
+        """Returns the regex match of the first event matching `pattern`."""
+        deadline = time.monotonic() + timeout
+        while True:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise Failure(f"no event matching {pattern!r} within {timeout}s; app log:\n" +
+                              "\n".join(self.log[-40:]))
+            try:
+                _, event = self.events.get(timeout=left)
+            except queue.Empty:
+                continue
+            match = re.fullmatch(pattern, event)
+            if match:
+                return match
+
+    def snapshot(self):
+        path = os.path.join(self.config, "Bonkwell", "BonkwellState.v1")
+        with open(path, "rb") as f:
+            return json.loads(f.read())
+
+    def wait_exit(self, timeout=15):
+        try:
+            return self.proc.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            raise Failure("the app did not exit")
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.terminate()
+            try:
+                self.proc.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+
+
+def geometry(text):
+    """'x,y wxh' → (x, y, w, h)"""
+    m = re.fullmatch(r"(-?\d+),(-?\d+) (\d+)x(\d+)", text)
+    if not m:
+        raise Failure(f"bad geometry {text!r}")
+    return tuple(int(v) for v in m.groups())
+
+
+def click(x, y, button=1):
+    run("xdotool", "mousemove", str(x), str(y))
+    time.sleep(0.15)
+    run("xdotool", "click", str(button))
+
+
+def click_centre(rect, button=1):
+    x, y, w, h = rect
+    click(x + w // 2, y + h // 2, button)
+
+
+def keys(*names):
+    run("xdotool", "key", *names)
+
+
+def find_windows(title):
+    out = run("xdotool", "search", "--onlyvisible", "--name", f"^{re.escape(title)}$", check=False)
+    return [w for w in out.split() if w]
+
+
+def wait_window(title, timeout=10):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        found = find_windows(title)
+        if found:
+            return found
+        time.sleep(0.1)
+    raise Failure(f"no window titled {title!r}")
+
+
+def window_property(wid, prop):
+    return run("xprop", "-id", wid, prop, check=False)
+
+
+def screenshot(path, window="root"):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    run("import", "-window", window, path, timeout=30)
+
+
+class StatusNotifierItem:
+    """The app's tray item as a D-Bus panel sees it."""
+
+    def __init__(self, log_path, timeout=10):
+        deadline = time.monotonic() + timeout
+        self.service = None
+        while time.monotonic() < deadline and self.service is None:
+            with open(log_path) as f:
+                for line in f:
+                    parts = line.split()
+                    if len(parts) == 3 and parts[0] == "item":
+                        self.service, self.path = parts[1], parts[2]
+            time.sleep(0.1)
+        if self.service is None:
+            raise Failure("the app registered no StatusNotifier item")
+
+    def call(self, method, *args):
+        return run("gdbus", "call", "--session", "--dest", self.service, "--object-path",
+                   self.path, "--method", f"org.kde.StatusNotifierItem.{method}", "--",
+                   *[str(a) for a in args])
+
+    def menu_path(self):
+        out = run("gdbus", "call", "--session", "--dest", self.service, "--object-path", self.path,
+                  "--method", "org.freedesktop.DBus.Properties.Get",
+                  "org.kde.StatusNotifierItem", "Menu")
+        m = re.search(r"objectpath '([^']+)'", out)
+        if not m:
+            raise Failure(f"no menu path in {out!r}")
+        return m.group(1)
+
+    def menu_items(self):
+        """[(id, label)] of the exported menu's top level."""
+        out = run("gdbus", "call", "--session", "--dest", self.service, "--object-path",
+                  self.menu_path(), "--method", "com.canonical.dbusmenu.GetLayout", "--", "0", "1",
+                  "[]")
+        items = []
+        for m in re.finditer(r"\((\d+), \{([^}]*)\}", out):
+            label = re.search(r"'label': <'([^']*)'>", m.group(2))
+            kind = re.search(r"'type': <'([^']*)'>", m.group(2))
+            items.append((int(m.group(1)), label.group(1) if label else
+                          ("---" if kind and kind.group(1) == "separator" else "")))
+        return [i for i in items if i[0] != 0]
+
+    def click_menu(self, label):
+        for item_id, text in self.menu_items():
+            if text.replace("_", "") == label:
+                run("gdbus", "call", "--session", "--dest", self.service, "--object-path",
+                    self.menu_path(), "--method", "com.canonical.dbusmenu.Event", "--",
+                    str(item_id), "clicked", "<0>", "0")
+                return
+        raise Failure(f"no menu item {label!r} in {self.menu_items()}")

@@ -1,0 +1,168 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""The tray item end to end, in a real X session: run inside session.sh.
+
+  e2e_tray.py --app BIN --tray xembed|sni|none --shots DIR
+
+xembed/sni: the icon appears; a left click shows the panel; a right click (or the D-Bus
+host's menu) opens Settings and Calibration, found by their titles; toggling listening in
+the panel reaches the stored settings after the next save; "Quit Bonkwell" ends the app.
+none: with no tray host the panel appears as a window titled "Bonkwell", and closing it
+ends the app.
+"""
+import argparse
+import os
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from desktop_driver import (App, Failure, StatusNotifierItem, click_centre, geometry,  # noqa: E402
+                            keys, screenshot, wait_window, find_windows, run, window_property)
+
+
+def panel_widgets(app, pattern_timeout=10):
+    """Waits for the panel and returns {name: (x, y, w, h)} of its named controls."""
+    app.wait_event(r"panel shown at .*", pattern_timeout)
+    widgets = {}
+    deadline = time.monotonic() + 3
+    while time.monotonic() < deadline:
+        try:
+            m = app.wait_event(r"panel widget (\S+) at (.*)", 0.5)
+        except Failure:
+            break
+        widgets[m.group(1)] = geometry(m.group(2))
+    if "listeningSwitch" not in widgets:
+        raise Failure(f"the panel reported no listening switch: {sorted(widgets)}")
+    return widgets
+
+
+def icon_rect(app):
+    """The XEmbed icon's rectangle on screen: the app's small window docked in the tray."""
+    deadline = time.monotonic() + 10
+    while time.monotonic() < deadline:
+        for wid in run("xdotool", "search", "--pid", str(app.proc.pid), check=False).split():
+            info = run("xwininfo", "-id", wid, check=False)
+            if "IsViewable" not in info:
+                continue
+            values = {}
+            for line in info.splitlines():
+                line = line.strip()
+                for key in ("Absolute upper-left X:", "Absolute upper-left Y:", "Width:", "Height:"):
+                    if line.startswith(key):
+                        values[key] = int(line.split(":")[1])
+            if len(values) == 4 and values["Width:"] <= 64 and values["Height:"] <= 64:
+                return (values["Absolute upper-left X:"], values["Absolute upper-left Y:"],
+                        values["Width:"], values["Height:"])
+        time.sleep(0.2)
+    raise Failure("the tray icon window did not appear")
+
+
+def run_tray(args, app):
+    host = {"xembed": "XEmbed", "sni": "StatusNotifierItem"}[args.tray]
+    app.wait_event(rf"tray icon shown \({host}\)", 20)
+    elapsed_ms = (time.monotonic() - app.started) * 1000
+    print(f"tray icon shown {elapsed_ms:.0f} ms after start ({host})")
+
+    if args.tray == "xembed":
+        icon = icon_rect(app)
+        left_click = lambda: click_centre(icon, 1)  # noqa: E731
+        item = None
+    else:
+        item = StatusNotifierItem(os.environ["BONKWELL_SNI_LOG"])
+        left_click = lambda: item.call("Activate", 640, 12)  # noqa: E731
+
+    # The panel opens on a left click and takes the keyboard.
+    left_click()
+    widgets = panel_widgets(app)
+    time.sleep(0.3)
+    screenshot(os.path.join(args.shots, f"tray-{args.tray}-panel.png"))
+    if find_windows("Bonkwell Settings"):
+        raise Failure("Settings opened by a left click")
+
+    # Listening off, then another setting so that the next save carries it.
+    before = app.snapshot() if os.path.exists(os.path.join(app.config, "Bonkwell",
+                                                            "BonkwellState.v1")) else None
+    click_centre(widgets["listeningSwitch"])
+    time.sleep(0.3)
+    if "segment1" in widgets:
+        click_centre(widgets["segment1"])  # mode: Escalation
+    else:
+        raise Failure(f"no mode segments among {sorted(widgets)}")
+    time.sleep(0.5)
+    stored = app.snapshot()
+    if stored.get("listeningEnabled") is not False:
+        raise Failure(f"listening switched off but the stored settings say {stored} (before: {before})")
+    print("listening switch reached the stored settings")
+
+    # Close the panel (Escape), then open Settings and Calibration from the context menu.
+    keys("Escape")
+    app.wait_event(r"panel hidden", 5)
+    for label, title in (("Settings\u2026", "Bonkwell Settings"),
+                         ("Calibration\u2026", "Bonkwell Calibration")):
+        if item is None:
+            click_centre(icon, 3)
+            app.wait_event(r"menu shown", 5)
+            time.sleep(0.3)
+            steps = {"Settings\u2026": ["Down", "Down"], "Calibration\u2026": ["Down", "Down", "Down"]}[label]
+            keys(*steps, "Return")
+        else:
+            item.click_menu(label)
+        app.wait_event(rf"window shown {title}", 10)
+        wait_window(title)
+        state = window_property(find_windows(title)[0], "_NET_WM_STATE")
+        if "_NET_WM_STATE_SKIP_TASKBAR" not in state:
+            raise Failure(f"{title} shows in the taskbar: {state.strip()}")
+        time.sleep(0.3)
+        screenshot(os.path.join(args.shots, f"tray-{args.tray}-{title.split()[-1].lower()}.png"))
+    print("Settings and Calibration opened from the menu; neither is in the taskbar")
+
+    # Quit from the menu.
+    if item is None:
+        click_centre(icon, 3)
+        app.wait_event(r"menu shown", 5)
+        time.sleep(0.3)
+        keys("Up", "Return")
+    else:
+        item.click_menu("Quit Bonkwell")
+    code = app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with {code}")
+    print("quit from the menu")
+
+
+def run_no_tray(args, app):
+    app.wait_event(r"window shown Bonkwell", 45)
+    wid = wait_window("Bonkwell")[0]
+    time.sleep(0.3)
+    screenshot(os.path.join(args.shots, "no-tray-window.png"))
+    if "IsViewable" not in run("xwininfo", "-id", wid):
+        raise Failure("the fallback window is not on screen")
+    run("wmctrl", "-c", "Bonkwell")
+    code = app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with {code} after its window closed")
+    print("no tray: the Bonkwell window appeared and closing it quit the app")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--tray", required=True, choices=["xembed", "sni", "none"])
+    parser.add_argument("--shots", required=True)
+    args = parser.parse_args()
+    home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
+    app = App(args.app, home)
+    try:
+        (run_no_tray if args.tray == "none" else run_tray)(args, app)
+    except Failure as failure:
+        print(f"FAILED: {failure}", file=sys.stderr)
+        print("app log:\n" + "\n".join(app.log[-60:]), file=sys.stderr)
+        return 1
+    finally:
+        app.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
