@@ -21,9 +21,10 @@ class AudioPlayer : public AudioPlayerInterface {
   public:
     // Label of the serial queue that owns the tracker and playback.
     static constexpr const char* kQueueLabel = "com.bonkwell.audio";
-    // After this long without a sound the output device is released (it costs CPU in the
-    // sound server while open); the next slap opens it again.
-    static constexpr std::chrono::seconds kIdleRelease{30};
+    // After this long without a sound the output device is released: while open it costs
+    // CPU in the sound server even when silent. Opening it again for the next slap adds
+    // about 2 ms (bench/slap-to-sound), so bursts keep it open and quiet hours do not.
+    static constexpr std::chrono::seconds kIdleRelease{5};
 
     // Plays through SDL2_mixer. `clock` supplies "now" for the escalation score and must
     // outlive the player.

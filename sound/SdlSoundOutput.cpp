@@ -138,6 +138,10 @@ bool SdlSoundOutput::isOpen() const {
     return shared_->open;
 }
 
+std::uint64_t SdlSoundOutput::openCount() const {
+    return shared_->generation;
+}
+
 QString SdlSoundOutput::driverName() const {
     const char* name = shared_->open ? SDL_GetCurrentAudioDriver() : nullptr;
     return name != nullptr ? QString::fromUtf8(name) : QString();

@@ -5,6 +5,7 @@
 
 #include "SoundOutput.h"
 
+#include <cstdint>
 #include <memory>
 
 namespace bonkwell {
@@ -29,6 +30,8 @@ class SdlSoundOutput : public SoundOutput {
     void goIdle() override;
 
     bool isOpen() const;
+    // How often the device has been opened so far.
+    std::uint64_t openCount() const;
     // The audio driver in use ("pulseaudio", "disk", …), empty while closed.
     QString driverName() const;
 
