@@ -132,6 +132,9 @@ SdlSoundOutput::SdlSoundOutput(Options options)
 
 SdlSoundOutput::~SdlSoundOutput() {
     close();
+    // SDL keeps per-thread data (its error text) for threads it did not create; the output
+    // is destroyed on the thread that used it, so release that thread's data here.
+    SDL_TLSCleanup();
 }
 
 bool SdlSoundOutput::isOpen() const {

@@ -21,6 +21,7 @@ class SdlSoundOutput : public SoundOutput {
 
     SdlSoundOutput();
     explicit SdlSoundOutput(Options options);
+    // Closes the device. Destroy the output on the thread that used it.
     ~SdlSoundOutput() override;
     SdlSoundOutput(const SdlSoundOutput&) = delete;
     SdlSoundOutput& operator=(const SdlSoundOutput&) = delete;
