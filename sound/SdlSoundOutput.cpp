@@ -9,7 +9,9 @@
 #include <QFile>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -125,6 +127,37 @@ void applyGain(Mix_Chunk* chunk, float gain) {
 
 }  // namespace
 
+QString SdlSoundOutput::preferredAudioDrivers() {
+    const QString pulseFirst = QStringLiteral("pulseaudio,pipewire,alsa");
+    if (qEnvironmentVariableIsSet("PULSE_SERVER")) {
+        return pulseFirst;  // an explicitly named server: let PulseAudio's client find it
+    }
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    const QByteArray socketPath = QFile::encodeName(runtime + QStringLiteral("/pulse/native"));
+    sockaddr_un address{};
+    if (runtime.isEmpty() || socketPath.size() >= static_cast<qsizetype>(sizeof address.sun_path)) {
+        return pulseFirst;
+    }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, socketPath.constData(), static_cast<size_t>(socketPath.size()));
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return pulseFirst;
+    }
+    QString result = pulseFirst;
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.pid > 0) {
+        QFile comm(QStringLiteral("/proc/%1/comm").arg(peer.pid));
+        if (comm.open(QIODevice::ReadOnly) && comm.readAll().startsWith("pipewire")) {
+            result = QStringLiteral("pipewire,pulseaudio,alsa");
+        }
+    }
+    ::close(fd);
+    return result;
+}
+
 SdlSoundOutput::SdlSoundOutput() : SdlSoundOutput(Options{}) {}
 
 SdlSoundOutput::SdlSoundOutput(Options options)
@@ -158,9 +191,8 @@ bool SdlSoundOutput::ensureOpen() {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
     SDL_SetHint(SDL_HINT_AUDIO_DEVICE_APP_NAME, "Bonkwell");
     SDL_SetHint(SDL_HINT_AUDIO_DEVICE_STREAM_NAME, "Slap sounds");
-    // SDL tries its PulseAudio driver before its PipeWire one, which on PipeWire desktops
-    // nearly doubles the latency. The environment still decides when it names a driver.
-    SDL_SetHint(SDL_HINT_AUDIODRIVER, "pipewire,pulseaudio,alsa");
+    // $SDL_AUDIODRIVER, when set, still takes precedence over this hint.
+    SDL_SetHint(SDL_HINT_AUDIODRIVER, preferredAudioDrivers().toUtf8().constData());
     QString error;
     if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
         error = sdlError();

@@ -36,6 +36,12 @@ class SdlSoundOutput : public SoundOutput {
     // The audio driver in use ("pulseaudio", "disk", …), empty while closed.
     QString driverName() const;
 
+    // The SDL audio drivers to try, in order. SDL 2.26 tries PulseAudio before PipeWire,
+    // which on PipeWire desktops nearly doubles the latency; but a PipeWire daemon may also
+    // run beside a real PulseAudio (for screen sharing only) and then has no speakers. So
+    // PipeWire comes first only when the session's PulseAudio socket is served by PipeWire.
+    static QString preferredAudioDrivers();
+
     struct Shared;  // state the voices share with the output
 
   private:
