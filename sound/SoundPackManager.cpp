@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QStandardPaths>
 
 #include <algorithm>
@@ -54,8 +55,12 @@ QString executableDirOfThisProcess() {
 SoundPackManager::SoundPackManager() : SoundPackManager(ResourceLocations{}) {}
 
 SoundPackManager::SoundPackManager(ResourceLocations locations)
-    : locations_(std::move(locations)),
-      folderOpener_([](const QUrl& url) { QDesktopServices::openUrl(url); }) {}
+    : locations_(std::move(locations)), folderOpener_([](const QUrl& url) {
+          // Without a GUI application object Qt cannot ask the desktop; xdg-open can.
+          if (!QDesktopServices::openUrl(url)) {
+              QProcess::startDetached(QStringLiteral("xdg-open"), {url.toLocalFile()});
+          }
+      }) {}
 
 QString SoundPackManager::appSupportURL() const {
     QString base = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
