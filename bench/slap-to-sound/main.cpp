@@ -7,6 +7,7 @@
 #include "AudioPlayer.h"
 #include "Clock.h"
 #include "SdlSoundOutput.h"
+#include "SoundPackManager.h"
 
 #include <SDL.h>
 #include <SDL_mixer.h>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -192,15 +194,29 @@ double cpuSeconds(const std::string& statPath) {
     return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// CPU use of this process without the recorder thread, and of the server, over `seconds`,
-// in percent of one core.
+// CPU seconds of this process without the benchmark's own recording threads (the recorder
+// and libpulse's main loop thread that serves it). The process total also keeps the time of
+// threads that have ended, such as SDL's audio thread after the device closed.
+double playerCpuSeconds(pid_t recorderTid) {
+    double total = cpuSeconds("/proc/self/stat");
+    for (const QFileInfo& task :
+         QDir(QStringLiteral("/proc/self/task")).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(task.filePath() + QStringLiteral("/comm"));
+        const QByteArray name = comm.open(QIODevice::ReadOnly) ? comm.readAll().trimmed() : "";
+        if (task.fileName().toInt() == recorderTid || name == "threaded-ml") {
+            total -= cpuSeconds((task.filePath() + QStringLiteral("/stat")).toStdString());
+        }
+    }
+    return total;
+}
+
+// CPU use of the player side and of the server over `seconds`, in percent of one core.
 std::pair<double, double> idleCpu(int serverPid, pid_t recorderTid, double seconds) {
     const std::string server = "/proc/" + std::to_string(serverPid) + "/stat";
-    const std::string recorder = "/proc/self/task/" + std::to_string(recorderTid) + "/stat";
-    const double self0 = cpuSeconds("/proc/self/stat") - cpuSeconds(recorder);
+    const double self0 = playerCpuSeconds(recorderTid);
     const double server0 = cpuSeconds(server);
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const double self1 = cpuSeconds("/proc/self/stat") - cpuSeconds(recorder);
+    const double self1 = playerCpuSeconds(recorderTid);
     return {(self1 - self0) / seconds * 100.0, (cpuSeconds(server) - server0) / seconds * 100.0};
 }
 
@@ -238,7 +254,11 @@ int main(int argc, char** argv) {
     std::pair<double, double> cpuOpen{NAN, NAN};
     std::pair<double, double> cpuClosed{NAN, NAN};
     {
-        bonkwell::AudioPlayer p(bonkwell::Clock::system());
+        // Released only after a minute of silence, so that the idle figure below is that of
+        // an open device.
+        bonkwell::AudioPlayer p(bonkwell::Clock::system(),
+                                std::make_unique<bonkwell::SdlSoundOutput>(),
+                                std::chrono::seconds(60));
         // Warm up: the first slap of a run opens the device.
         p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true);
         std::this_thread::sleep_for(std::chrono::milliseconds(800));
@@ -290,6 +310,32 @@ int main(int argc, char** argv) {
         SDL_QuitSubSystem(SDL_INIT_AUDIO);
     }
 
+    // What decoding at every playback costs: read, decode, scale and start each built-in clip.
+    std::vector<double> decodeMs;
+    QString slowest;
+    {
+        bonkwell::SdlSoundOutput output;
+        const QDir packs = QFileInfo(clip).dir().absoluteFilePath(QStringLiteral(".."));
+        QString error;
+        output.play(clip, 1.0F, error);  // opens the device
+        for (const QString& pack : packs.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            for (const QString& file :
+                 bonkwell::SoundPackManager::mp3s(packs.absoluteFilePath(pack))) {
+                const double t0 = monotonicNow();
+                auto voice = output.play(file, 0.5F, error);
+                const double ms = (monotonicNow() - t0) * 1000.0;
+                if (voice && (decodeMs.empty() ||
+                              ms > *std::max_element(decodeMs.begin(), decodeMs.end()))) {
+                    slowest = pack + '/' + QFileInfo(file).fileName();
+                }
+                if (voice) {
+                    decodeMs.push_back(ms);
+                }
+            }
+        }
+    }
+    Figures decode{decodeMs, 0};
+
     std::printf("\n");
     print("AudioPlayer::playSlap, output open", player);
     print("bare SDL2_mixer loop (floor)", floor);
@@ -300,6 +346,10 @@ int main(int argc, char** argv) {
                 player.p90() / floor.p90());
     std::printf("first slap after idle costs (median): +%.1f ms\n",
                 cold.median() - player.median());
+    std::printf(
+        "decode and start per playback, %zu built-in clips: median %.2f ms, p90 %.2f ms, "
+        "max %.2f ms (%s)\n",
+        decode.ms.size(), decode.median(), decode.p90(), decode.at(1.0), qPrintable(slowest));
     if (serverPid > 0) {
         std::printf("idle CPU over 5 s, output open:   player %.1f %%, server %.1f %%\n",
                     cpuOpen.first, cpuOpen.second);
