@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -24,8 +25,9 @@
 namespace bonkwell {
 
 struct SdlSoundOutput::Shared {
-    bool open = false;
-    std::uint64_t generation = 0;  // counts device openings; a voice belongs to one
+    // Atomic so that isOpen() and openCount() may be asked from any thread.
+    std::atomic<bool> open{false};
+    std::atomic<std::uint64_t> generation{0};  // counts device openings; a voice belongs to one
     std::vector<bool> channelHeld;
 };
 

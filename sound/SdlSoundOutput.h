@@ -30,8 +30,8 @@ class SdlSoundOutput : public SoundOutput {
     // Closes the device; the next playback opens it again.
     void goIdle() override;
 
+    // Whether the device is open now, and how often it has been opened so far (any thread).
     bool isOpen() const;
-    // How often the device has been opened so far.
     std::uint64_t openCount() const;
     // The audio driver in use ("pulseaudio", "disk", …), empty while closed.
     QString driverName() const;

@@ -270,6 +270,32 @@ TEST_F(RealSoundTest, UnreadableFileIsRefused) {
     EXPECT_EQ(error, "Permission denied");
 }
 
+TEST_F(RealSoundTest, DeviceIsReleasedWhenQuietAndReopenedByTheNextSlap) {
+    auto output = std::make_unique<SdlSoundOutput>();
+    const SdlSoundOutput* out = output.get();
+    player_ = std::make_unique<AudioPlayer>(clock_, std::move(output), 100ms);
+    EXPECT_FALSE(out->isOpen()) << "nothing is opened before the first sound";
+    slap(kData + "/tone-440.mp3", 0.8);
+    settle();
+    EXPECT_TRUE(out->isOpen());
+    EXPECT_EQ(out->driverName(), "disk");
+    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(out->isOpen()) << "still sounding";
+    std::this_thread::sleep_for(600ms);
+    EXPECT_FALSE(out->isOpen()) << "released after the sound ended and 100 ms passed";
+    EXPECT_EQ(out->openCount(), 1U);
+
+    slap(kData + "/tone-660.mp3", 0.8);  // the disk driver starts a new file on reopening
+    settle();
+    EXPECT_EQ(out->openCount(), 2U);
+    std::this_thread::sleep_for(450ms);
+    const std::vector<float> left = finish();
+    const auto segments = soundingSegments(left);
+    ASSERT_EQ(segments.size(), 1U);
+    const std::size_t b = segments[0].begin + kRate / 20;
+    EXPECT_NEAR(toneAmplitude(left, b, b + kRate / 5, 660), 0.5, 0.05);
+}
+
 TEST_F(RealSoundTest, WithoutAnyDeviceOneLineThenTheNextPlaybackTriesAgain) {
     LogCapture log;
     {
