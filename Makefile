@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean
+.PHONY: all deps build run test test-default test-asan format check-format clean bench-slap-to-sound
 
 all: build
 
@@ -29,6 +29,10 @@ test-asan:
 	cmake --preset asan -DBONKWELL_WERROR=ON
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+
+# Slap-to-sound latency against a private PulseAudio null sink; prints the figures.
+bench-slap-to-sound: deps
+	bench/slap-to-sound/run default
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

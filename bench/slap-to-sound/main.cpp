@@ -1,0 +1,363 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Slap-to-sound latency: from the moment playSlap() is called to the first audible sample the
+// sound server mixes, measured at a null sink's monitor. The same run measures a bare
+// SDL2_mixer loop on the same clip and buffer size (the floor) and the first slap after the
+// output went idle (device closed). Run through bench/slap-to-sound/run, which starts the
+// server; this program only needs $PULSE_SERVER and the monitor's name.
+#include "AudioPlayer.h"
+#include "Clock.h"
+#include "SdlSoundOutput.h"
+#include "SoundPackManager.h"
+
+#include <SDL.h>
+#include <SDL_mixer.h>
+#include <pulse/error.h>
+#include <pulse/simple.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int kRate = 48000;
+constexpr int kChunkFrames = 64;  // 1.3 ms
+constexpr float kThreshold = 0.01F;
+constexpr double kSilenceBefore = 0.150;
+
+double monotonicNow() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// Reads the sink's monitor and notes the time of every onset: the first sample above the
+// threshold after at least 150 ms below it.
+class Recorder {
+  public:
+    bool start(const std::string& monitor) {
+        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, kRate, 1};
+        pa_buffer_attr attr{};
+        attr.maxlength = static_cast<uint32_t>(-1);
+        attr.fragsize = kChunkFrames * sizeof(float);
+        int error = 0;
+        stream_ = pa_simple_new(nullptr, "bonkwell-bench", PA_STREAM_RECORD, monitor.c_str(),
+                                "monitor", &spec, nullptr, &attr, &error);
+        if (stream_ == nullptr) {
+            std::fprintf(stderr, "slap-to-sound: cannot record %s: %s\n", monitor.c_str(),
+                         pa_strerror(error));
+            return false;
+        }
+        thread_ = std::thread([this] { run(); });
+        return true;
+    }
+    ~Recorder() {
+        stop_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        if (stream_ != nullptr) {
+            pa_simple_free(stream_);
+        }
+    }
+    std::vector<double> takeOnsets() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(onsets_, {});
+    }
+
+    pid_t threadId() const { return tid_; }
+
+  private:
+    void run() {
+        tid_ = gettid();
+        std::vector<float> chunk(kChunkFrames);
+        double quietSince = -1e9;
+        bool sounding = false;
+        while (!stop_) {
+            int error = 0;
+            if (pa_simple_read(stream_, chunk.data(), chunk.size() * sizeof(float), &error) < 0) {
+                std::fprintf(stderr, "slap-to-sound: read: %s\n", pa_strerror(error));
+                return;
+            }
+            const double readAt = monotonicNow();
+            const pa_usec_t latency = pa_simple_get_latency(stream_, &error);
+            // Time of the chunk's first sample as the server mixed it.
+            const double first = readAt - static_cast<double>(latency) * 1e-6 -
+                                 static_cast<double>(kChunkFrames) / kRate;
+            for (int i = 0; i < kChunkFrames; ++i) {
+                const double t = first + static_cast<double>(i) / kRate;
+                if (std::fabs(chunk[static_cast<std::size_t>(i)]) > kThreshold) {
+                    if (!sounding && t - quietSince >= kSilenceBefore) {
+                        std::lock_guard lock(mutex_);
+                        onsets_.push_back(t);
+                    }
+                    sounding = true;
+                } else if (sounding) {
+                    sounding = false;
+                    quietSince = t;
+                }
+            }
+        }
+    }
+
+    pa_simple* stream_ = nullptr;
+    std::atomic<pid_t> tid_{0};
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::vector<double> onsets_;
+};
+
+struct Figures {
+    std::vector<double> ms;
+    int missed = 0;
+    double median() const { return at(0.5); }
+    double p90() const { return at(0.9); }
+    double at(double q) const {
+        if (ms.empty()) {
+            return NAN;
+        }
+        std::vector<double> s = ms;
+        std::sort(s.begin(), s.end());
+        const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(s.size())));
+        return s[std::min(rank == 0 ? 0 : rank - 1, s.size() - 1)];
+    }
+};
+
+// Fires `trigger` `count` times, 600-900 ms apart at random so the triggers land on every
+// phase of the audio buffer, and pairs each with the next onset the recorder saw.
+Figures measure(Recorder& recorder, int count, const std::function<void()>& trigger) {
+    std::mt19937 random(std::random_device{}());
+    std::uniform_int_distribution<int> pause(600, 900);
+    std::vector<double> triggers;
+    recorder.takeOnsets();
+    for (int i = 0; i < count; ++i) {
+        triggers.push_back(monotonicNow());
+        trigger();
+        std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const std::vector<double> onsets = recorder.takeOnsets();
+    Figures figures;
+    for (const double t : triggers) {
+        const auto it = std::find_if(onsets.begin(), onsets.end(),
+                                     [&](double o) { return o >= t - 0.005 && o < t + 0.5; });
+        if (it == onsets.end()) {
+            ++figures.missed;
+        } else {
+            figures.ms.push_back((*it - t) * 1000.0);
+        }
+    }
+    return figures;
+}
+
+void print(const char* what, const Figures& f) {
+    std::printf("%-44s median %6.1f ms   p90 %6.1f ms   min %6.1f   max %6.1f   (%zu/%zu heard)\n",
+                what, f.median(), f.p90(), f.at(0.0), f.at(1.0), f.ms.size(),
+                f.ms.size() + static_cast<std::size_t>(f.missed));
+}
+
+double cpuSeconds(const std::string& statPath) {
+    FILE* f = std::fopen(statPath.c_str(), "r");
+    if (f == nullptr) {
+        return NAN;
+    }
+    char buffer[1024] = {};
+    const std::size_t n = std::fread(buffer, 1, sizeof buffer - 1, f);
+    std::fclose(f);
+    std::string stat(buffer, n);
+    const auto close = stat.rfind(')');
+    if (close == std::string::npos) {
+        return NAN;
+    }
+    unsigned long utime = 0;
+    unsigned long stime = 0;
+    // Fields after the command: state(3) ... utime(14) stime(15).
+    if (std::sscanf(stat.c_str() + close + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+                    &utime, &stime) != 2) {
+        return NAN;
+    }
+    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// CPU seconds of this process without the benchmark's own recording threads (the recorder
+// and libpulse's main loop thread that serves it). The process total also keeps the time of
+// threads that have ended, such as SDL's audio thread after the device closed.
+double playerCpuSeconds(pid_t recorderTid) {
+    double total = cpuSeconds("/proc/self/stat");
+    for (const QFileInfo& task :
+         QDir(QStringLiteral("/proc/self/task")).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(task.filePath() + QStringLiteral("/comm"));
+        const QByteArray name = comm.open(QIODevice::ReadOnly) ? comm.readAll().trimmed() : "";
+        if (task.fileName().toInt() == recorderTid || name == "threaded-ml") {
+            total -= cpuSeconds((task.filePath() + QStringLiteral("/stat")).toStdString());
+        }
+    }
+    return total;
+}
+
+// CPU use of the player side and of the server over `seconds`, in percent of one core.
+std::pair<double, double> idleCpu(int serverPid, pid_t recorderTid, double seconds) {
+    const std::string server = "/proc/" + std::to_string(serverPid) + "/stat";
+    const double self0 = playerCpuSeconds(recorderTid);
+    const double server0 = cpuSeconds(server);
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const double self1 = playerCpuSeconds(recorderTid);
+    return {(self1 - self0) / seconds * 100.0, (cpuSeconds(server) - server0) / seconds * 100.0};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: %s <clip.mp3> <sink monitor> [server pid] [triggers]\n",
+                     argv[0]);
+        return 2;
+    }
+    const QString clip = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
+    const std::string monitor = argv[2];
+    const int serverPid = argc > 3 ? std::atoi(argv[3]) : 0;
+    const int count = argc > 4 ? std::max(25, std::atoi(argv[4])) : 25;
+
+    Recorder recorder;
+    if (!recorder.start(monitor)) {
+        return 1;
+    }
+    // An idle null sink works in 2 s blocks; give it time to settle on the recording.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+
+    bonkwell::SoundPack pack;
+    pack.name = QStringLiteral("Bench");
+    pack.files << clip;
+    std::printf("clip %s, %d triggers per row, %d-frame buffer at %d Hz\n",
+                qPrintable(QFileInfo(clip).fileName()), count,
+                bonkwell::SdlSoundOutput::Options{}.bufferFrames, kRate);
+
+    Figures player;
+    Figures cold;
+    std::uint64_t opens = 0;
+    std::pair<double, double> cpuOpen{NAN, NAN};
+    std::pair<double, double> cpuClosed{NAN, NAN};
+    {
+        // Released only after a minute of silence, so that the idle figure below is that of
+        // an open device.
+        bonkwell::AudioPlayer p(bonkwell::Clock::system(),
+                                std::make_unique<bonkwell::SdlSoundOutput>(),
+                                std::chrono::seconds(60));
+        // Warm up: the first slap of a run opens the device.
+        p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true);
+        std::this_thread::sleep_for(std::chrono::milliseconds(800));
+        player = measure(recorder, count,
+                         [&] { p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true); });
+        if (serverPid > 0) {
+            cpuOpen = idleCpu(serverPid, recorder.threadId(), 5.0);
+        }
+    }
+    {
+        // The output is released after 100 ms of silence here, so every slap opens it again.
+        auto output = std::make_unique<bonkwell::SdlSoundOutput>();
+        const bonkwell::SdlSoundOutput* out = output.get();
+        bonkwell::AudioPlayer p(bonkwell::Clock::system(), std::move(output),
+                                std::chrono::milliseconds(100));
+        cold = measure(recorder, count,
+                       [&] { p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true); });
+        p.waitUntilIdleForTesting();
+        opens = out->openCount();
+        if (serverPid > 0) {
+            cpuClosed = idleCpu(serverPid, recorder.threadId(), 5.0);
+        }
+    }
+
+    // The floor: a bare SDL2_mixer loop, clip decoded once in advance, same buffer.
+    Figures floor;
+    {
+        SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+        SDL_SetHint(SDL_HINT_AUDIODRIVER, "pipewire,pulseaudio,alsa");
+        if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0 ||
+            Mix_OpenAudioDevice(kRate, AUDIO_S16SYS, 2,
+                                bonkwell::SdlSoundOutput::Options{}.bufferFrames, nullptr,
+                                0) != 0) {
+            std::fprintf(stderr, "slap-to-sound: SDL: %s\n", SDL_GetError());
+            return 1;
+        }
+        std::printf("SDL audio driver: %s\n", SDL_GetCurrentAudioDriver());
+        Mix_Chunk* chunk = Mix_LoadWAV(qPrintable(clip));
+        if (chunk == nullptr) {
+            std::fprintf(stderr, "slap-to-sound: %s\n", Mix_GetError());
+            return 1;
+        }
+        Mix_PlayChannel(-1, chunk, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(800));
+        floor = measure(recorder, count, [&] { Mix_PlayChannel(-1, chunk, 0); });
+        Mix_HaltChannel(-1);
+        Mix_FreeChunk(chunk);
+        Mix_CloseAudio();
+        SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    }
+
+    // What decoding at every playback costs: read, decode, scale and start each built-in clip.
+    std::vector<double> decodeMs;
+    QString slowest;
+    {
+        bonkwell::SdlSoundOutput output;
+        const QDir packs = QFileInfo(clip).dir().absoluteFilePath(QStringLiteral(".."));
+        QString error;
+        output.play(clip, 1.0F, error);  // opens the device
+        for (const QString& pack : packs.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            for (const QString& file :
+                 bonkwell::SoundPackManager::mp3s(packs.absoluteFilePath(pack))) {
+                const double t0 = monotonicNow();
+                auto voice = output.play(file, 0.5F, error);
+                const double ms = (monotonicNow() - t0) * 1000.0;
+                if (voice && (decodeMs.empty() ||
+                              ms > *std::max_element(decodeMs.begin(), decodeMs.end()))) {
+                    slowest = pack + '/' + QFileInfo(file).fileName();
+                }
+                if (voice) {
+                    decodeMs.push_back(ms);
+                }
+            }
+        }
+    }
+    Figures decode{decodeMs, 0};
+
+    std::printf("\n");
+    print("AudioPlayer::playSlap, output open", player);
+    print("bare SDL2_mixer loop (floor)", floor);
+    print("AudioPlayer::playSlap, output idle-closed", cold);
+    std::printf("(the idle-closed row opened the device %llu times)\n",
+                static_cast<unsigned long long>(opens));
+    std::printf("\nratio to floor (median): %.2f   p90: %.2f\n", player.median() / floor.median(),
+                player.p90() / floor.p90());
+    std::printf("first slap after idle costs (median): +%.1f ms\n",
+                cold.median() - player.median());
+    std::printf(
+        "decode and start per playback, %zu built-in clips: median %.2f ms, p90 %.2f ms, "
+        "max %.2f ms (%s)\n",
+        decode.ms.size(), decode.median(), decode.p90(), decode.at(1.0), qPrintable(slowest));
+    if (serverPid > 0) {
+        std::printf("idle CPU over 5 s, output open:   player %.1f %%, server %.1f %%\n",
+                    cpuOpen.first, cpuOpen.second);
+        std::printf("idle CPU over 5 s, output closed: player %.1f %%, server %.1f %%\n",
+                    cpuClosed.first, cpuClosed.second);
+        std::printf("(the server figures include serving this benchmark's own recorder)\n");
+    }
+    const bool goal = player.median() <= 20.0 && player.median() <= 1.5 * floor.median();
+    std::printf("goal (median <= 20 ms and <= 1.5x floor): %s\n", goal ? "met" : "NOT met");
+    return 0;
+}
