@@ -38,8 +38,8 @@ std::int16_t AccelerometerReader::toCounts(double g) {
 struct AccelerometerReader::Shared {
     std::mutex mutex;
     std::condition_variable wake;
-    bool stopRequested = false;  // guarded by mutex
-    bool finished = false;       // guarded by mutex
+    bool stopRequested = false;          // guarded by mutex
+    bool finished = false;               // guarded by mutex
     std::atomic<bool> delivering{true};  // main thread: handler may still run
     std::thread thread;
 };
@@ -49,50 +49,52 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
     : shared_(std::make_shared<Shared>()) {
     QPointer<QObject> guard(context);
     auto shared = shared_;
-    shared_->thread = std::thread([shared, guard, handler = std::move(handler),
-                                   source = std::move(source)]() mutable {
-        const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
-        const auto period = std::chrono::duration<double>(1.0 / rate);
-        auto next = std::chrono::steady_clock::now();
-        std::vector<accel::Sample> samples;
-        while (true) {
-            samples.clear();
-            std::string error;
-            if (!source->read(samples, error)) {
-                logLine(QStringLiteral("Bonkwell: reading the accelerometer failed (%1). "
-                                       "Accelerometer unavailable.")
-                            .arg(QString::fromStdString(error)));
-                break;
+    shared_->thread = std::thread(
+        [shared, guard, handler = std::move(handler), source = std::move(source)]() mutable {
+            const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
+            const auto period = std::chrono::duration<double>(1.0 / rate);
+            auto next = std::chrono::steady_clock::now();
+            std::vector<accel::Sample> samples;
+            while (true) {
+                samples.clear();
+                std::string error;
+                if (!source->read(samples, error)) {
+                    logLine(QStringLiteral("Bonkwell: reading the accelerometer failed (%1). "
+                                           "Accelerometer unavailable.")
+                                .arg(QString::fromStdString(error)));
+                    break;
+                }
+                for (const auto& sample : samples) {
+                    const auto x = toCounts(sample.g.x);
+                    const auto y = toCounts(sample.g.y);
+                    const auto z = toCounts(sample.g.z);
+                    MainQueue::post(guard.data(), [shared, handler, x, y, z] {
+                        if (shared->delivering.load()) {
+                            handler(x, y, z);
+                        }
+                    });
+                }
+                next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
+                const auto now = std::chrono::steady_clock::now();
+                if (next < now) {
+                    next = now;  // a slow read: do not try to catch up
+                }
+                std::unique_lock lock(shared->mutex);
+                if (shared->wake.wait_until(lock, next, [&] { return shared->stopRequested; })) {
+                    break;
+                }
             }
-            for (const auto& sample : samples) {
-                const auto x = toCounts(sample.g.x);
-                const auto y = toCounts(sample.g.y);
-                const auto z = toCounts(sample.g.z);
-                MainQueue::post(guard.data(), [shared, handler, x, y, z] {
-                    if (shared->delivering.load()) {
-                        handler(x, y, z);
-                    }
-                });
-            }
-            next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
-            const auto now = std::chrono::steady_clock::now();
-            if (next < now) {
-                next = now;  // a slow read: do not try to catch up
-            }
-            std::unique_lock lock(shared->mutex);
-            if (shared->wake.wait_until(lock, next, [&] { return shared->stopRequested; })) {
-                break;
-            }
-        }
-        source->restore();
-        source.reset();
-        std::lock_guard lock(shared->mutex);
-        shared->finished = true;
-        shared->wake.notify_all();
-    });
+            source->restore();
+            source.reset();
+            std::lock_guard lock(shared->mutex);
+            shared->finished = true;
+            shared->wake.notify_all();
+        });
 }
 
-AccelerometerReader::~AccelerometerReader() { stop(); }
+AccelerometerReader::~AccelerometerReader() {
+    stop();
+}
 
 void AccelerometerReader::stop() {
     if (!shared_ || !shared_->thread.joinable()) {

@@ -30,7 +30,8 @@ void SlapDetector::start() {
     }
     if (opened.source) {
         reader_ = std::make_unique<AccelerometerReader>(
-            std::move(opened.source), &guard_, [this](std::int16_t x, std::int16_t y, std::int16_t z) {
+            std::move(opened.source), &guard_,
+            [this](std::int16_t x, std::int16_t y, std::int16_t z) {
                 handleValue(kSensorUsagePage, kAccelXUsage, x);
                 handleValue(kSensorUsagePage, kAccelYUsage, y);
                 handleValue(kSensorUsagePage, kAccelZUsage, z);
@@ -64,7 +65,8 @@ void SlapDetector::handleValue(std::int64_t usagePage, std::int64_t usage,
     if (usagePage != kSensorUsagePage) {
         return;
     }
-    const auto counts = static_cast<std::int16_t>(static_cast<std::uint16_t>(integerValue & 0xFFFF));
+    const auto counts =
+        static_cast<std::int16_t>(static_cast<std::uint16_t>(integerValue & 0xFFFF));
     const double g = static_cast<double>(counts) / 1024.0;
     switch (usage) {
         case kAccelXUsage:

@@ -17,7 +17,9 @@
 
 namespace bonkwell::accel {
 
-double length(const Vec3& v) { return std::sqrt(v.x * v.x + v.y * v.y + v.z * v.z); }
+double length(const Vec3& v) {
+    return std::sqrt(v.x * v.x + v.y * v.y + v.z * v.z);
+}
 
 namespace {
 
@@ -234,8 +236,8 @@ class PositionSource final : public SampleSource {
 // lis3lv02d reports milli-g. applesmc and hdaps report uncalibrated counts; about 256 per g
 // is the usual figure for both, which is good enough for a jolt detector.
 constexpr PositionFile kPositionFiles[] = {
-    {"/sys/devices/platform/lis3lv02d/position", "lis3lv02d", "/sys/devices/platform/lis3lv02d/rate",
-     0.001, false},
+    {"/sys/devices/platform/lis3lv02d/position", "lis3lv02d",
+     "/sys/devices/platform/lis3lv02d/rate", 0.001, false},
     {"/sys/devices/platform/applesmc.768/position", "applesmc", nullptr, 1.0 / 256.0, false},
     {"/sys/devices/platform/hdaps/position", "hdaps", nullptr, 1.0 / 256.0, true},
 };
@@ -425,11 +427,11 @@ OpenResult openAccelerometer(const OpenOptions& options) {
         return readAttribute(std::string(kInputClass) + "/" + e + "/device/name").value_or("") ==
                "ST LIS3LV02DL Accelerometer";
     });
-    result.matched = static_cast<int>(iio.size() + events.size() + positions.size()) -
-                     (lis3Input && !positions.empty() &&
-                              std::string(positions.front()->name) == "lis3lv02d"
-                          ? 1
-                          : 0);
+    result.matched =
+        static_cast<int>(iio.size() + events.size() + positions.size()) -
+        (lis3Input && !positions.empty() && std::string(positions.front()->name) == "lis3lv02d"
+             ? 1
+             : 0);
 
     std::string why;
     if (options.allowBuffer) {

@@ -76,9 +76,9 @@ class EvdevSource final : public SampleSource {
                 dropped_ = false;
                 sync();
             }
-            out.push_back(Sample{Vec3{value_[0] * gPerUnit_[0], value_[1] * gPerUnit_[1],
-                                      value_[2] * gPerUnit_[2]},
-                                 monotonicNow()});
+            out.push_back(Sample{
+                Vec3{value_[0] * gPerUnit_[0], value_[1] * gPerUnit_[1], value_[2] * gPerUnit_[2]},
+                monotonicNow()});
         }
     }
 

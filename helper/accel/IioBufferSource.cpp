@@ -214,9 +214,10 @@ std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::stri
     for (const auto& name : enabledChannels(scanDir)) {
         ScanChannel channel;
         channel.name = name;
-        const auto index = parseInteger(readAttribute(scanDir + "/" + name + "_index").value_or(""));
-        const auto type = parseChannelType(readAttribute(scanDir + "/" + name + "_type").value_or(""),
-                                           &error);
+        const auto index =
+            parseInteger(readAttribute(scanDir + "/" + name + "_index").value_or(""));
+        const auto type =
+            parseChannelType(readAttribute(scanDir + "/" + name + "_type").value_or(""), &error);
         if (!index || !type) {
             error = "scan channel " + name + ": " + (type ? "no index" : error);
             return nullptr;

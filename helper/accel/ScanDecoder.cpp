@@ -96,8 +96,7 @@ std::optional<ChannelType> parseChannelType(std::string_view text, std::string* 
         setError(error, "type \"" + original + "\" has an unsupported storage size");
         return std::nullopt;
     }
-    if (*bits == 0 || *bits > *storage || type.shift >= *storage ||
-        type.shift + *bits > *storage) {
+    if (*bits == 0 || *bits > *storage || type.shift >= *storage || type.shift + *bits > *storage) {
         setError(error, "type \"" + original + "\" has bits or shift outside its storage");
         return std::nullopt;
     }

@@ -52,7 +52,8 @@ std::optional<ScanLayout> layoutScan(std::vector<ScanChannel> channels,
 // Reads element `element` of a channel from one scan: byte order, shift, mask to `bits`, and
 // sign extension for signed types. The storage bits above `bits` are never trusted (they may
 // hold the neighbouring channel). nullopt when the field would lie outside `scan`.
-std::optional<std::int64_t> decodeChannel(const ChannelType& type, std::span<const std::uint8_t> scan,
-                                          std::size_t offset, unsigned element = 0);
+std::optional<std::int64_t> decodeChannel(const ChannelType& type,
+                                          std::span<const std::uint8_t> scan, std::size_t offset,
+                                          unsigned element = 0);
 
 }  // namespace bonkwell::accel

@@ -102,7 +102,8 @@ std::vector<std::string> numberedEntries(const std::string& dir, const std::stri
             continue;
         }
         const std::string digits = name.substr(prefix.size());
-        if (!std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        if (!std::all_of(digits.begin(), digits.end(),
+                         [](char c) { return c >= '0' && c <= '9'; })) {
             continue;
         }
         found.emplace_back(std::atoll(digits.c_str()), name);

@@ -37,11 +37,11 @@ const char* severityFor(double amplitude);
 
 class ImpactDetector {
   public:
-    static constexpr double kPeakWindow = 0.05;      // s followed after the trigger
-    static constexpr double kRiseWindow = 0.04;      // s over which a rise must happen
-    static constexpr double kBaselineTau = 2.0;      // s, baseline near the signal
-    static constexpr double kBaselineSlowTau = 10.0; // s, baseline while jolted
-    static constexpr double kActivityTau = 1.0;      // s
+    static constexpr double kPeakWindow = 0.05;       // s followed after the trigger
+    static constexpr double kRiseWindow = 0.04;       // s over which a rise must happen
+    static constexpr double kBaselineTau = 2.0;       // s, baseline near the signal
+    static constexpr double kBaselineSlowTau = 10.0;  // s, baseline while jolted
+    static constexpr double kActivityTau = 1.0;       // s
     static constexpr double kActivityWeight = 2.0;
 
     ImpactDetector(double minAmplitude, double cooldownSeconds);

@@ -120,14 +120,30 @@ class FlatObjectParser {
             }
             const char e = text_[pos_++];
             switch (e) {
-                case '"': out += '"'; break;
-                case '\\': out += '\\'; break;
-                case '/': out += '/'; break;
-                case 'b': out += '\b'; break;
-                case 'f': out += '\f'; break;
-                case 'n': out += '\n'; break;
-                case 'r': out += '\r'; break;
-                case 't': out += '\t'; break;
+                case '"':
+                    out += '"';
+                    break;
+                case '\\':
+                    out += '\\';
+                    break;
+                case '/':
+                    out += '/';
+                    break;
+                case 'b':
+                    out += '\b';
+                    break;
+                case 'f':
+                    out += '\f';
+                    break;
+                case 'n':
+                    out += '\n';
+                    break;
+                case 'r':
+                    out += '\r';
+                    break;
+                case 't':
+                    out += '\t';
+                    break;
                 case 'u': {
                     if (text_.size() - pos_ < 4) {
                         return std::nullopt;
@@ -339,9 +355,10 @@ void LineReader::feed(std::string_view bytes) {
 
 std::string eventLine(double amplitude, std::string_view severity, std::int64_t slapNumber) {
     char text[160];
-    std::snprintf(text, sizeof text, "{\"amplitude\":%.4f,\"severity\":\"%.*s\",\"slapNumber\":%lld}",
-                  amplitude, static_cast<int>(std::min<std::size_t>(severity.size(), 32)),
-                  severity.data(), static_cast<long long>(slapNumber));
+    std::snprintf(text, sizeof text,
+                  "{\"amplitude\":%.4f,\"severity\":\"%.*s\",\"slapNumber\":%lld}", amplitude,
+                  static_cast<int>(std::min<std::size_t>(severity.size(), 32)), severity.data(),
+                  static_cast<long long>(slapNumber));
     return text;
 }
 

@@ -50,7 +50,9 @@ bool writeLine(int fd, const std::string& text) {
     return true;
 }
 
-void complain(const std::string& text) { writeLine(2, text); }
+void complain(const std::string& text) {
+    writeLine(2, text);
+}
 
 std::string rateText(const accel::SampleSource& source) {
     if (source.rateHz() <= 0) {

@@ -14,9 +14,9 @@
 #include <QThread>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <chrono>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -105,7 +105,8 @@ TEST_F(AccelerometerReaderTest, AppliesScaleAndMountMatrix) {
     EXPECT_DOUBLE_EQ(detector.lastX(), 1019.0 / 1024);
     EXPECT_DOUBLE_EQ(detector.lastY(), 7.0 / 1024);
     EXPECT_DOUBLE_EQ(detector.lastZ(), -31.0 / 1024);
-    EXPECT_TRUE(logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
 }
 
 TEST_F(AccelerometerReaderTest, AppliesTinyHidScales) {
@@ -129,7 +130,8 @@ TEST_F(AccelerometerReaderTest, ReadsTheLisPositionFile) {
     EXPECT_DOUBLE_EQ(detector.lastY(), 12.0 / 1024);
     EXPECT_DOUBLE_EQ(detector.lastZ(), 1026.0 / 1024);
     // The input device and the position file are the same accelerometer.
-    EXPECT_TRUE(logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
 }
 
 TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
@@ -167,7 +169,8 @@ TEST_F(AccelerometerReaderTest, NoDeviceIsLogged) {
     Testbed bed;  // an empty machine
     detector.start();
     EXPECT_TRUE(detector.isListening());
-    EXPECT_TRUE(logs.lines().contains(QStringLiteral("Bonkwell: matched 0 accelerometer device(s)")));
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 0 accelerometer device(s)")));
     EXPECT_TRUE(logs.lines().contains(QStringLiteral(
         "Bonkwell: This machine doesn't expose an accelerometer through IIO or the input "
         "subsystem. Detection won't fire automatically — use the Test / simulate path. The full "
@@ -186,7 +189,8 @@ TEST_F(AccelerometerReaderTest, AnUnusableDeviceIsLoggedAsAnOpeningFailure) {
         "Bonkwell: opening the accelerometer failed (iio:device0: no usable in_accel_scale). "
         "Accelerometer unavailable.")))
         << logs.lines().join(QLatin1Char('\n')).toStdString();
-    EXPECT_TRUE(logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
 }
 
 namespace {

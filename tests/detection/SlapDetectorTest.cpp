@@ -231,7 +231,8 @@ TEST_F(SlapDetectorTest, NoDeviceIsLoggedAndStillListens) {
 }
 
 TEST_F(SlapDetectorTest, WhenOpeningFailsItStillListens) {
-    SlapDetector failing(clock, FakeOpener{&openerCalls, 1, "iio:device0: Device or resource busy"});
+    SlapDetector failing(clock,
+                         FakeOpener{&openerCalls, 1, "iio:device0: Device or resource busy"});
     failing.start();
     EXPECT_TRUE(failing.isListening());
     EXPECT_EQ(logs.lines(),

@@ -29,14 +29,15 @@ RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std
 // Starts the helper, runs `during` while it works, stops it with SIGTERM and exits with its
 // status.
 std::string whileRunning(const std::string& during, const std::string& after = "") {
-    return "$H </dev/null & p=$!\nsleep 0.6\n" + during + "\nsleep 0.4\nkill -TERM $p\nwait $p\nst=$?\n" +
-           after + "\nexit $st\n";
+    return "$H </dev/null & p=$!\nsleep 0.6\n" + during +
+           "\nsleep 0.4\nkill -TERM $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
 }
 
 void expectOneEvent(const RunResult& r, const std::string& severity) {
     const auto events = r.jsonLines();
     ASSERT_EQ(events.size(), 1u) << r.out << r.err;
-    const std::regex shape(R"re(\{"amplitude":[0-9]+\.[0-9]{4},"severity":"([a-z]+)","slapNumber":1\})re");
+    const std::regex shape(
+        R"re(\{"amplitude":[0-9]+\.[0-9]{4},"severity":"([a-z]+)","slapNumber":1\})re");
     std::smatch m;
     ASSERT_TRUE(std::regex_match(events[0], m, shape)) << events[0];
     EXPECT_EQ(m[1], severity);
@@ -45,10 +46,10 @@ void expectOneEvent(const RunResult& r, const std::string& severity) {
 }  // namespace
 
 TEST(HelperDeviceTest, LisEvdevSpikeGivesExactlyOneEvent) {
-    const auto r = underUmockdev({"-d", kData + "lis3-like.umockdev", "-i",
-                                  "/dev/input/event7=" + kData + "lis3-like.ioctl", "-e",
-                                  "/dev/input/event7=" + kData + "lis3-like.events"},
-                                 whileRunning(""));
+    const auto r = underUmockdev(
+        {"-d", kData + "lis3-like.umockdev", "-i", "/dev/input/event7=" + kData + "lis3-like.ioctl",
+         "-e", "/dev/input/event7=" + kData + "lis3-like.events"},
+        whileRunning(""));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     // The input device wins over the lis3lv02d position file; its 50 ms poll is 20 Hz.
     EXPECT_EQ(r.firstLine(),
@@ -57,10 +58,10 @@ TEST(HelperDeviceTest, LisEvdevSpikeGivesExactlyOneEvent) {
 }
 
 TEST(HelperDeviceTest, LisEvdevAtRestGivesNoEvent) {
-    const auto r = underUmockdev({"-d", kData + "lis3-like.umockdev", "-i",
-                                  "/dev/input/event7=" + kData + "lis3-like.ioctl", "-e",
-                                  "/dev/input/event7=" + kData + "lis3-still.events"},
-                                 whileRunning(""));
+    const auto r = underUmockdev(
+        {"-d", kData + "lis3-like.umockdev", "-i", "/dev/input/event7=" + kData + "lis3-like.ioctl",
+         "-e", "/dev/input/event7=" + kData + "lis3-still.events"},
+        whileRunning(""));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("through the input device"), std::string::npos) << r.out;
     EXPECT_TRUE(r.jsonLines().empty()) << r.out;
@@ -80,29 +81,34 @@ TEST(HelperDeviceTest, EvdevWithOnlyAxisInfo) {
 
 TEST(HelperDeviceTest, IioSysfsWithMountMatrix) {
     const std::string z = kIio + "/in_accel_z_raw";
-    const auto still = underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"}, whileRunning(""));
+    const auto still =
+        underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"}, whileRunning(""));
     EXPECT_EQ(still.exitCode, 0) << still.err;
-    EXPECT_EQ(still.firstLine(), "reading iio:device0 (test-accel-i2c, accel-display) through the "
-                                 "IIO sysfs polling at 100.0 Hz");
+    EXPECT_EQ(still.firstLine(),
+              "reading iio:device0 (test-accel-i2c, accel-display) through the "
+              "IIO sysfs polling at 100.0 Hz");
     EXPECT_TRUE(still.jsonLines().empty()) << still.out;
 
-    const auto spike = underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"},
-                                     whileRunning("echo 700 > " + z + "; sleep 0.1; echo 31 > " + z));
+    const auto spike =
+        underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"},
+                      whileRunning("echo 700 > " + z + "; sleep 0.1; echo 31 > " + z));
     EXPECT_EQ(spike.exitCode, 0) << spike.err;
     expectOneEvent(spike, "slap");  // |a| goes from 1.0 to about 1.21 g
 }
 
 TEST(HelperDeviceTest, IioSysfsWithHidSizedValues) {
     const std::string y = kIio.substr(0, kIio.size() - 1) + "1/in_accel_y_raw";
-    const auto still = underUmockdev({"-d", kData + "iio-poll-hid-like.umockdev"}, whileRunning(""));
+    const auto still =
+        underUmockdev({"-d", kData + "iio-poll-hid-like.umockdev"}, whileRunning(""));
     EXPECT_EQ(still.exitCode, 0) << still.err;
-    EXPECT_EQ(still.firstLine(), "reading iio:device1 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
+    EXPECT_EQ(still.firstLine(),
+              "reading iio:device1 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
     EXPECT_TRUE(still.jsonLines().empty()) << still.out;
 
     // -957076 × 0.00001 m/s² is 0.976 g; -1100000 is 1.12 g.
-    const auto spike = underUmockdev(
-        {"-d", kData + "iio-poll-hid-like.umockdev"},
-        whileRunning("echo -1100000 > " + y + "; sleep 0.25; echo -957076 > " + y));
+    const auto spike =
+        underUmockdev({"-d", kData + "iio-poll-hid-like.umockdev"},
+                      whileRunning("echo -1100000 > " + y + "; sleep 0.25; echo -957076 > " + y));
     EXPECT_EQ(spike.exitCode, 0) << spike.err;
     expectOneEvent(spike, "slap");
 }
@@ -111,12 +117,12 @@ TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
     const std::string dump = "cd " + kIio +
                              " && for f in buffer/enable buffer/length trigger/current_trigger "
                              "scan_elements/*_en; do echo \"$f=$(cat $f)\"; done >&2";
-    const auto still = underUmockdev(
-        {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-         "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
-        whileRunning("", dump));
+    const auto still = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
+                                      "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
+                                     whileRunning("", dump));
     EXPECT_EQ(still.exitCode, 0) << still.err;
-    EXPECT_EQ(still.firstLine(), "reading iio:device0 (accel_3d) through the IIO buffer at 10.0 Hz");
+    EXPECT_EQ(still.firstLine(),
+              "reading iio:device0 (accel_3d) through the IIO buffer at 10.0 Hz");
     EXPECT_TRUE(still.jsonLines().empty()) << still.out;
     // Everything the helper changed is back as it was.
     for (const char* expected :
@@ -126,10 +132,9 @@ TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
         EXPECT_NE(still.err.find(expected), std::string::npos) << expected << still.err;
     }
 
-    const auto spike = underUmockdev(
-        {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-         "/dev/iio:device0=" + kData + "iio-buffer-spike.script"},
-        whileRunning("sleep 0.5"));
+    const auto spike = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
+                                      "/dev/iio:device0=" + kData + "iio-buffer-spike.script"},
+                                     whileRunning("sleep 0.5"));
     EXPECT_EQ(spike.exitCode, 0) << spike.err;
     expectOneEvent(spike, "smack");
     EXPECT_NE(spike.out.find("\"amplitude\":0.6000"), std::string::npos) << spike.out;
@@ -143,7 +148,8 @@ TEST(HelperDeviceTest, ABusyBufferFallsBackToPolling) {
     const auto r = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev"},
                                  setup + whileRunning("", "cat " + kIio + "/buffer/enable >&2"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.firstLine(), "reading iio:device0 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
+    EXPECT_EQ(r.firstLine(),
+              "reading iio:device0 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
     EXPECT_NE(r.err.find("1"), std::string::npos);  // the other reader's buffer is left alone
 }
 
@@ -151,8 +157,8 @@ TEST(HelperDeviceTest, SetCommandOnStdinRaisesTheThreshold) {
     const std::string z = kIio + "/in_accel_z_raw";
     const std::string script =
         "{ sleep 0.3; echo 'hello'; echo '{\"cmd\":\"set\",\"amplitude\":0.5,\"cooldown\":750}'; "
-        "sleep 2; } | $H & p=$!\nsleep 0.8\necho 700 > " + z + "; sleep 0.1; echo 31 > " + z +
-        "\nsleep 0.3\nkill -TERM $p\nwait $p\n";
+        "sleep 2; } | $H & p=$!\nsleep 0.8\necho 700 > " +
+        z + "; sleep 0.1; echo 31 > " + z + "\nsleep 0.3\nkill -TERM $p\nwait $p\n";
     const auto r = underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"}, script);
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("IIO sysfs polling"), std::string::npos) << r.out;
@@ -161,9 +167,8 @@ TEST(HelperDeviceTest, SetCommandOnStdinRaisesTheThreshold) {
 }
 
 TEST(HelperDeviceTest, NoDeviceExitsWithThree) {
-    const auto r = bonkwell::test::run(
-        {"umockdev-run", "--", kHelper, "--stdio", "--detect-only", "--min-amplitude", "0.0500",
-         "--cooldown", "750"});
+    const auto r = bonkwell::test::run({"umockdev-run", "--", kHelper, "--stdio", "--detect-only",
+                                        "--min-amplitude", "0.0500", "--cooldown", "750"});
     EXPECT_EQ(r.exitCode, 3);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err,

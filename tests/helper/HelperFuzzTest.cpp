@@ -40,9 +40,21 @@ std::string randomBytes(std::mt19937& rng, std::size_t maxLength) {
 
 TEST(HelperFuzzTest, ArgumentsNeverCrashAndAcceptedValuesAreInRange) {
     std::mt19937 rng(1);
-    const std::vector<std::string> words = {"--stdio", "--detect-only", "--min-amplitude",
-                                            "--cooldown", "--version", "0.0500", "750", "-1",
-                                            "1e308", "nan", "", "0x10", "16", "16.0001", "600000"};
+    const std::vector<std::string> words = {"--stdio",
+                                            "--detect-only",
+                                            "--min-amplitude",
+                                            "--cooldown",
+                                            "--version",
+                                            "0.0500",
+                                            "750",
+                                            "-1",
+                                            "1e308",
+                                            "nan",
+                                            "",
+                                            "0x10",
+                                            "16",
+                                            "16.0001",
+                                            "600000"};
     std::uniform_int_distribution<std::size_t> count(0, 8);
     std::uniform_int_distribution<std::size_t> word(0, words.size());
     int accepted = 0;

@@ -69,8 +69,8 @@ TEST(ImpactDetectorTest, ASpikeGivesExactlyOneSlapWithItsPeak) {
 }
 
 TEST(ImpactDetectorTest, TheThresholdIsTheMinimumAmplitude) {
-    for (const auto& [jolt, expected] : std::vector<std::pair<double, std::size_t>>{
-             {0.04, 0}, {0.07, 1}, {0.2, 1}}) {
+    for (const auto& [jolt, expected] :
+         std::vector<std::pair<double, std::size_t>>{{0.04, 0}, {0.07, 1}, {0.2, 1}}) {
         ImpactDetector d(0.05, 0.75);
         feed(d, 0, 5, [](double) { return 1.0; });
         const auto impacts =

@@ -10,24 +10,29 @@ using namespace bonkwell::thuzz;
 
 namespace {
 
-ParsedArgs parse(std::vector<std::string_view> args) { return parseArguments(args); }
+ParsedArgs parse(std::vector<std::string_view> args) {
+    return parseArguments(args);
+}
 
 }  // namespace
 
 TEST(HelperArgumentsTest, AcceptsTheLaunchWords) {
-    const auto p = parse({"--stdio", "--detect-only", "--min-amplitude", "0.0500", "--cooldown", "750"});
+    const auto p =
+        parse({"--stdio", "--detect-only", "--min-amplitude", "0.0500", "--cooldown", "750"});
     ASSERT_EQ(p.outcome, ParseOutcome::run);
     EXPECT_DOUBLE_EQ(p.options.minAmplitude, 0.05);
     EXPECT_EQ(p.options.cooldownMs, 750);
 }
 
 TEST(HelperArgumentsTest, AcceptsThePairsInAnyOrder) {
-    const auto p = parse({"--cooldown", "500", "--min-amplitude", "0.3000", "--detect-only", "--stdio"});
+    const auto p =
+        parse({"--cooldown", "500", "--min-amplitude", "0.3000", "--detect-only", "--stdio"});
     ASSERT_EQ(p.outcome, ParseOutcome::run);
     EXPECT_DOUBLE_EQ(p.options.minAmplitude, 0.3);
     EXPECT_EQ(p.options.cooldownMs, 500);
-    EXPECT_EQ(parse({"--detect-only", "--min-amplitude", "1", "--stdio", "--cooldown", "0"}).outcome,
-              ParseOutcome::run);
+    EXPECT_EQ(
+        parse({"--detect-only", "--min-amplitude", "1", "--stdio", "--cooldown", "0"}).outcome,
+        ParseOutcome::run);
 }
 
 TEST(HelperArgumentsTest, VersionStandsAlone) {
