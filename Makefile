@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean
+.PHONY: all deps build run test test-default test-asan format check-format clean bench-accel
 
 all: build
 
@@ -29,6 +29,13 @@ test-asan:
 	cmake --preset asan -DBONKWELL_WERROR=ON
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+
+# The accelerometer helper's detection quality and idle CPU (about 3 minutes).
+bench-accel: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target thuzz-detector accel_detection_quality
+	./build/default/bench/accel_detection_quality tests/data/impacts/user1_hand_1506421989895.csv
+	bench/accel/idle-cpu.sh build/default/bin/Helpers/thuzz-detector
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
