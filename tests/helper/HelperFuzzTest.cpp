@@ -58,7 +58,7 @@ TEST(HelperFuzzTest, ArgumentsNeverCrashAndAcceptedValuesAreInRange) {
     std::uniform_int_distribution<std::size_t> count(0, 8);
     std::uniform_int_distribution<std::size_t> word(0, words.size());
     int accepted = 0;
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 100000; ++i) {
         std::vector<std::string> storage;
         if (i % 2 == 0) {
             // The four items in a random order with values drawn from the pool.
@@ -114,7 +114,7 @@ TEST(HelperFuzzTest, StdinNeverCrashesAndStaysBounded) {
         },
         {});
     std::uniform_int_distribution<int> kind(0, 3);
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 100000; ++i) {
         std::string chunk;
         switch (kind(rng)) {
             case 0:
@@ -146,7 +146,7 @@ TEST(HelperFuzzTest, StdinNeverCrashesAndStaysBounded) {
 TEST(HelperFuzzTest, ScanDecoderNeverReadsOutOfBounds) {
     std::mt19937 rng(3);
     int parsed = 0;
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 100000; ++i) {
         std::string typeText = randomText(rng, "lebs:u/0123456789X>>", 20);
         if (i % 2 == 0) {
             // Mostly well-formed, with random numbers.
@@ -184,7 +184,7 @@ TEST(HelperFuzzTest, DetectorSurvivesArbitrarySamples) {
     std::uniform_real_distribution<double> any(-1e6, 1e6);
     thuzz::ImpactDetector d(0.05, 0.75);
     double t = 0;
-    for (int i = 0; i < 50000; ++i) {
+    for (int i = 0; i < 200000; ++i) {
         t += (rng() % 10 == 0) ? any(rng) * 1e-6 : 0.01;  // sometimes time runs backwards
         const double magnitude = (rng() % 50 == 0) ? any(rng) : 1.0 + (rng() % 100) * 0.001;
         if (auto impact = d.addSample(t, magnitude)) {
