@@ -25,7 +25,7 @@ measure() {
         rm -f /tmp/bonkwell-idle.\$\$
         echo \$(( s1[13] + s1[14] - s0[13] - s0[14] ))"
     local out
-    out="$(umockdev-run "$@" -- sh -c "$script" 2>&1)"
+    out="$(umockdev-run "$@" -- bash -c "$script" 2>&1)"
     local used
     used="$(tail -n1 <<<"$out")"
     local line
