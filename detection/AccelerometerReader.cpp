@@ -4,8 +4,6 @@
 #include "Log.h"
 #include "MainQueue.h"
 
-#include <QPointer>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -22,6 +20,7 @@ AccelerometerOpenResult openPolledAccelerometer() {
     options.allowBuffer = false;  // root only, and the helper's job
     options.allowEvdev = false;
     options.maxPollHz = 100.0;
+    options.probePolled = false;  // this runs on the main thread: no bus reads here
     auto opened = accel::openAccelerometer(options);
     return AccelerometerOpenResult{std::move(opened.source), opened.matched,
                                    std::move(opened.error)};
@@ -45,12 +44,11 @@ struct AccelerometerReader::Shared {
 };
 
 AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> source,
-                                         QObject* context, SampleHandler handler)
+                                         SampleHandler handler)
     : shared_(std::make_shared<Shared>()) {
-    QPointer<QObject> guard(context);
     auto shared = shared_;
-    shared_->thread = std::thread(
-        [shared, guard, handler = std::move(handler), source = std::move(source)]() mutable {
+    shared_->thread =
+        std::thread([shared, handler = std::move(handler), source = std::move(source)]() mutable {
             const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
             const auto period = std::chrono::duration<double>(1.0 / rate);
             auto next = std::chrono::steady_clock::now();
@@ -64,11 +62,20 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
                                 .arg(QString::fromStdString(error)));
                     break;
                 }
+                {
+                    // Once stopped, post nothing more: the owner may be on its way out.
+                    std::lock_guard lock(shared->mutex);
+                    if (shared->stopRequested) {
+                        break;
+                    }
+                }
                 for (const auto& sample : samples) {
                     const auto x = toCounts(sample.g.x);
                     const auto y = toCounts(sample.g.y);
                     const auto z = toCounts(sample.g.z);
-                    MainQueue::post(guard.data(), [shared, handler, x, y, z] {
+                    // `delivering` is cleared on the main thread by stop(), before the
+                    // handler's owner can go away; tasks still queued then do nothing.
+                    MainQueue::post([shared, handler, x, y, z] {
                         if (shared->delivering.load()) {
                             handler(x, y, z);
                         }

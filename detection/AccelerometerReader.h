@@ -7,8 +7,6 @@
 
 #include "AccelDevice.h"
 
-#include <QObject>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -32,9 +30,8 @@ class AccelerometerReader {
     using SampleHandler = std::function<void(std::int16_t, std::int16_t, std::int16_t)>;
 
     // Starts reading at once. `handler` runs on the main thread, from the main queue, and
-    // never after stop() or after `context` is destroyed.
-    AccelerometerReader(std::unique_ptr<accel::SampleSource> source, QObject* context,
-                        SampleHandler handler);
+    // never after stop() (the destructor stops).
+    AccelerometerReader(std::unique_ptr<accel::SampleSource> source, SampleHandler handler);
     ~AccelerometerReader();
     AccelerometerReader(const AccelerometerReader&) = delete;
     AccelerometerReader& operator=(const AccelerometerReader&) = delete;

@@ -30,8 +30,7 @@ void SlapDetector::start() {
     }
     if (opened.source) {
         reader_ = std::make_unique<AccelerometerReader>(
-            std::move(opened.source), &guard_,
-            [this](std::int16_t x, std::int16_t y, std::int16_t z) {
+            std::move(opened.source), [this](std::int16_t x, std::int16_t y, std::int16_t z) {
                 handleValue(kSensorUsagePage, kAccelXUsage, x);
                 handleValue(kSensorUsagePage, kAccelYUsage, y);
                 handleValue(kSensorUsagePage, kAccelZUsage, z);

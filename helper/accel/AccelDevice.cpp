@@ -352,7 +352,7 @@ bool parsePosition(const std::string& text, std::array<double, 3>& out, int& axe
     return axes >= 2;
 }
 
-std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxHz,
+std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxHz, bool probe,
                                           std::string& error) {
     const std::string dir = std::string(kIioDevices) + "/" + device;
     IioCalibration cal;
@@ -364,7 +364,7 @@ std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxH
     for (int i = 0; i < 3; ++i) {
         fds[i] = ::open((dir + "/" + kRaw[i]).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
         int err = fds[i] < 0 ? errno : 0;
-        if (fds[i] >= 0 && !readAttributeFd(fds[i], &err)) {
+        if (fds[i] >= 0 && probe && !readAttributeFd(fds[i], &err)) {
             ::close(fds[i]);
             fds[i] = -1;
         }
@@ -380,21 +380,23 @@ std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxH
                                            fds, cal);
 }
 
-std::unique_ptr<SampleSource> openPosition(const PositionFile& file, double maxHz,
+std::unique_ptr<SampleSource> openPosition(const PositionFile& file, double maxHz, bool probe,
                                            std::string& error) {
     const int fd = ::open(file.path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) {
         error = std::strerror(errno);
         return nullptr;
     }
-    int err = 0;
-    auto text = readAttributeFd(fd, &err);
-    std::array<double, 3> v{};
-    int axes = 0;
-    if (!text || !parsePosition(*text, v, axes)) {
-        error = text ? "unreadable position \"" + *text + "\"" : std::strerror(err);
-        ::close(fd);
-        return nullptr;
+    if (probe) {
+        int err = 0;
+        auto text = readAttributeFd(fd, &err);
+        std::array<double, 3> v{};
+        int axes = 0;
+        if (!text || !parsePosition(*text, v, axes)) {
+            error = text ? "unreadable position \"" + *text + "\"" : std::strerror(err);
+            ::close(fd);
+            return nullptr;
+        }
     }
     double rate = 0;
     if (file.rateAttribute) {
@@ -454,7 +456,7 @@ OpenResult openAccelerometer(const OpenOptions& options) {
     }
     if (options.allowSysfsPoll) {
         for (const auto& device : withRaw) {
-            if (auto s = openIioPoll(device, options.maxPollHz, why)) {
+            if (auto s = openIioPoll(device, options.maxPollHz, options.probePolled, why)) {
                 result.source = std::move(s);
                 return result;
             }
@@ -463,7 +465,7 @@ OpenResult openAccelerometer(const OpenOptions& options) {
     }
     if (options.allowPosition) {
         for (const auto* file : positions) {
-            if (auto s = openPosition(*file, options.maxPollHz, why)) {
+            if (auto s = openPosition(*file, options.maxPollHz, options.probePolled, why)) {
                 result.source = std::move(s);
                 return result;
             }

@@ -82,6 +82,9 @@ struct OpenOptions {
     bool allowSysfsPoll = true;
     bool allowPosition = true;
     double maxPollHz = 100.0;
+    // Read each polled source once while opening, so that a busy or broken one is skipped.
+    // Off for callers on a thread that must not wait for a slow bus.
+    bool probePolled = true;
 };
 
 struct OpenResult {

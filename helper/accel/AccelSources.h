@@ -36,7 +36,7 @@ int openCharDevice(const std::string& path);
 
 std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::string& error);
 std::unique_ptr<SampleSource> openEvdev(const std::string& event, std::string& error);
-std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxHz,
+std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxHz, bool probe,
                                           std::string& error);
 
 struct PositionFile {
@@ -46,7 +46,7 @@ struct PositionFile {
     double gPerCount;
     bool twoAxes;
 };
-std::unique_ptr<SampleSource> openPosition(const PositionFile& file, double maxHz,
+std::unique_ptr<SampleSource> openPosition(const PositionFile& file, double maxHz, bool probe,
                                            std::string& error);
 // Parses "(x,y,z)" or "(x,y)" as written by the position attributes.
 bool parsePosition(const std::string& text, std::array<double, 3>& out, int& axes);

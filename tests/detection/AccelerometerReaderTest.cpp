@@ -218,9 +218,8 @@ class CountingSource final : public accel::SampleSource {
 
 TEST(AccelerometerReaderThreadTest, ReadsOffTheMainThreadAndDeliversInOrder) {
     std::atomic<bool> readOnMain{false};
-    QObject context;
     std::vector<int> xs;
-    AccelerometerReader reader(std::make_unique<CountingSource>(&readOnMain), &context,
+    AccelerometerReader reader(std::make_unique<CountingSource>(&readOnMain),
                                [&](std::int16_t x, std::int16_t, std::int16_t z) {
                                    EXPECT_EQ(QThread::currentThread(),
                                              QCoreApplication::instance()->thread());
