@@ -134,6 +134,33 @@ TEST_F(AccelerometerReaderTest, ReadsTheLisPositionFile) {
         logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
 }
 
+TEST_F(AccelerometerReaderTest, ReadsTheAppleSmcPositionFile) {
+    Testbed bed;
+    bed.addString(
+        "P: /devices/platform/applesmc.768\nE: SUBSYSTEM=platform\n"
+        "A: position=(10,-5,250)\\n\n");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
+    // About 256 counts per g.
+    EXPECT_DOUBLE_EQ(detector.lastX(), 40.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastY(), -20.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), 1000.0 / 1024);
+}
+
+TEST_F(AccelerometerReaderTest, TwoAxisHdapsLetsZCarryGravity) {
+    Testbed bed;
+    bed.addString(
+        "P: /devices/platform/hdaps\nE: SUBSYSTEM=platform\n"
+        "A: position=(510,498)\\n\n");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
+    // Measured from the first reading; at rest that is 1 g on the missing axis.
+    EXPECT_DOUBLE_EQ(detector.lastX(), 0.0);
+    EXPECT_DOUBLE_EQ(detector.lastY(), 0.0);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), 1.0);
+    EXPECT_DOUBLE_EQ(lastMagnitude, 0.0);
+}
+
 TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
     Testbed bed;
     bed.addFile(kData + "iio-poll-i2c-like.umockdev");
