@@ -140,6 +140,21 @@ TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
     EXPECT_NE(spike.out.find("\"amplitude\":0.6000"), std::string::npos) << spike.out;
 }
 
+TEST(HelperDeviceTest, RecordedBufferCaptureEndToEnd) {
+    // The recorded HID capture: the machine is being turned over, |a| swings from 1.03 g to
+    // 1.29 g within 60 ms. Only a correct decode (mask to 16 bits, sign-extend) gives a jolt
+    // of about 0.27 g; trusting the 32-bit slots would give values in the thousands of g.
+    const auto r = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
+                                  "/dev/iio:device0=" + kData + "orientation-left-up.script"},
+                                 whileRunning(""));
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    expectOneEvent(r, "slap");
+    const auto events = r.jsonLines();
+    ASSERT_FALSE(events.empty());
+    const double amplitude = std::stod(events[0].substr(events[0].find(':') + 1));
+    EXPECT_NEAR(amplitude, 0.266, 0.01) << events[0];
+}
+
 TEST(HelperDeviceTest, ABusyBufferFallsBackToPolling) {
     // Someone else streams the buffer: the helper moves on to the sysfs values.
     const std::string setup = "echo 1 > " + kIio + "/buffer/enable; for a in x y; do echo 0 > " +
