@@ -69,11 +69,11 @@ int armTimer(double rateHz) {
         return -1;
     }
     const long long periodNs = static_cast<long long>(1e9 / rateHz);
-    itimerspec spec{};
-    spec.it_interval.tv_sec = periodNs / 1000000000LL;
-    spec.it_interval.tv_nsec = periodNs % 1000000000LL;
-    spec.it_value = spec.it_interval;
-    ::timerfd_settime(fd, 0, &spec, nullptr);
+    itimerspec timer{};
+    timer.it_interval.tv_sec = periodNs / 1000000000LL;
+    timer.it_interval.tv_nsec = periodNs % 1000000000LL;
+    timer.it_value = timer.it_interval;
+    ::timerfd_settime(fd, 0, &timer, nullptr);
     return fd;
 }
 

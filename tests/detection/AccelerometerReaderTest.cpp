@@ -172,7 +172,7 @@ TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
 
     // Written in place, as sysfs changes: the reader keeps its descriptors open.
     writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "700");  // about 1.21 g
-    spinFor(0.15);
+    spinFor(0.25);
     writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "31");
     spinFor(0.5);
     ASSERT_EQ(slaps.size(), 1u);

@@ -91,7 +91,7 @@ TEST(HelperDeviceTest, IioSysfsWithMountMatrix) {
 
     const auto spike =
         underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"},
-                      whileRunning("echo 700 > " + z + "; sleep 0.1; echo 31 > " + z));
+                      whileRunning("echo 700 > " + z + "; sleep 0.2; echo 31 > " + z));
     EXPECT_EQ(spike.exitCode, 0) << spike.err;
     expectOneEvent(spike, "slap");  // |a| goes from 1.0 to about 1.21 g
 }
@@ -173,7 +173,7 @@ TEST(HelperDeviceTest, SetCommandOnStdinRaisesTheThreshold) {
     const std::string script =
         "{ sleep 0.3; echo 'hello'; echo '{\"cmd\":\"set\",\"amplitude\":0.5,\"cooldown\":750}'; "
         "sleep 2; } | $H & p=$!\nsleep 0.8\necho 700 > " +
-        z + "; sleep 0.1; echo 31 > " + z + "\nsleep 0.3\nkill -TERM $p\nwait $p\n";
+        z + "; sleep 0.2; echo 31 > " + z + "\nsleep 0.3\nkill -TERM $p\nwait $p\n";
     const auto r = underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"}, script);
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("IIO sysfs polling"), std::string::npos) << r.out;
