@@ -235,6 +235,9 @@ int main(int argc, char** argv) {
                            " accelerometer(s) but could not open any: " + opened.error);
         return 3;
     }
+    if (!opened.error.empty()) {
+        complain("passed over: " + opened.error);  // better sources that did not work
+    }
     auto& source = *opened.source;
     if (!writeLine(1, "reading " + source.description() + " through the " +
                           accel::kindName(source.kind()) + " " + rateText(source))) {

@@ -160,12 +160,18 @@ TEST(HelperDeviceTest, ABusyBufferFallsBackToPolling) {
     const std::string setup = "echo 1 > " + kIio + "/buffer/enable; for a in x y; do echo 0 > " +
                               kIio + "/in_accel_${a}_raw; done; echo 1000 > " + kIio +
                               "/in_accel_z_raw\n";
-    const auto r = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev"},
-                                 setup + whileRunning("", "cat " + kIio + "/buffer/enable >&2"));
+    const auto r = underUmockdev(
+        {"-d", kData + "iio-buffer-hid-like.umockdev"},
+        setup + whileRunning("", "echo \"enable=$(cat " + kIio + "/buffer/enable)\" >&2"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.firstLine(),
               "reading iio:device0 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
-    EXPECT_NE(r.err.find("1"), std::string::npos);  // the other reader's buffer is left alone
+    // Says why it passed over the buffer, and leaves the other reader's buffer alone.
+    EXPECT_NE(r.err.find("passed over: iio:device0 buffer: its buffer is already streaming to "
+                         "another reader\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("enable=1\n"), std::string::npos) << r.err;
 }
 
 TEST(HelperDeviceTest, SetCommandOnStdinRaisesTheThreshold) {
