@@ -212,6 +212,10 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGHUP);
+    // A shell starts background jobs with SIGINT ignored; we want to hear it all the same.
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGTERM, SIG_DFL);
+    ::signal(SIGHUP, SIG_DFL);
     ::sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
     const int signalFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
     ::signal(SIGPIPE, SIG_IGN);

@@ -28,9 +28,10 @@ RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std
 
 // Starts the helper, runs `during` while it works, stops it with SIGTERM and exits with its
 // status.
-std::string whileRunning(const std::string& during, const std::string& after = "") {
-    return "$H </dev/null & p=$!\nsleep 0.6\n" + during +
-           "\nsleep 0.4\nkill -TERM $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
+std::string whileRunning(const std::string& during, const std::string& after = "",
+                         const std::string& signal = "TERM") {
+    return "$H </dev/null & p=$!\nsleep 0.6\n" + during + "\nsleep 0.4\nkill -" + signal +
+           " $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
 }
 
 void expectOneEvent(const RunResult& r, const std::string& severity) {
@@ -138,6 +139,19 @@ TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
     EXPECT_EQ(spike.exitCode, 0) << spike.err;
     expectOneEvent(spike, "smack");
     EXPECT_NE(spike.out.find("\"amplitude\":0.6000"), std::string::npos) << spike.out;
+}
+
+TEST(HelperDeviceTest, IioBufferIsRestoredOnInterruptAndHangup) {
+    for (const char* signal : {"INT", "HUP"}) {
+        const auto r = underUmockdev(
+            {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
+             "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
+            whileRunning("echo \"running=$(cat " + kIio + "/buffer/enable)\" >&2",
+                         "echo \"after=$(cat " + kIio + "/buffer/enable)\" >&2", signal));
+        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
+        EXPECT_NE(r.err.find("running=1\n"), std::string::npos) << signal << r.err;
+        EXPECT_NE(r.err.find("after=0\n"), std::string::npos) << signal << r.err;
+    }
 }
 
 TEST(HelperDeviceTest, RecordedBufferCaptureEndToEnd) {
