@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean bench-slap-to-sound
+.PHONY: all deps build run test test-default test-asan format check-format clean bench-slap-to-sound bench-accel
 
 all: build
 
@@ -33,6 +33,13 @@ test-asan:
 # Slap-to-sound latency against a private PulseAudio null sink; prints the figures.
 bench-slap-to-sound: deps
 	bench/slap-to-sound/run default
+
+# The accelerometer helper's detection quality and idle CPU (about 3 minutes).
+bench-accel: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target thuzz-detector accel_detection_quality
+	./build/default/bench/accel_detection_quality tests/data/impacts/user1_hand_1506421989895.csv
+	bench/accel/idle-cpu.sh build/default/bin/Helpers/thuzz-detector
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The in-process detector on emulated accelerometers (umockdev testbed; the program runs
+// under umockdev-wrapper): samples converted to 1/1024 g with scale, offset and mount matrix,
+// a spike gives exactly one slap, a still device none, and reads happen off the main thread.
+#include "AccelerometerReader.h"
+#include "SlapDetector.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+#include <umockdev.h>
+
+#include <QCoreApplication>
+#include <QThread>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+using namespace bonkwell;
+
+namespace {
+
+const std::string kData = BONKWELL_TEST_DATA "/accel/";
+
+class Testbed {
+  public:
+    Testbed() : bed_(umockdev_testbed_new()) {}
+    ~Testbed() { g_object_unref(bed_); }
+    Testbed(const Testbed&) = delete;
+    Testbed& operator=(const Testbed&) = delete;
+
+    void addFile(const std::string& path) {
+        GError* error = nullptr;
+        ASSERT_TRUE(umockdev_testbed_add_from_file(bed_, path.c_str(), &error))
+            << (error ? error->message : "");
+    }
+    void addString(const std::string& text) {
+        GError* error = nullptr;
+        ASSERT_TRUE(umockdev_testbed_add_from_string(bed_, text.c_str(), &error))
+            << (error ? error->message : "");
+    }
+
+  private:
+    UMockdevTestbed* bed_;
+};
+
+// Overwrites a (redirected) sysfs file without replacing it.
+void writeInPlace(const std::string& path, const std::string& value) {
+    std::ofstream out(path, std::ios::trunc);
+    out << value << '\n';
+    ASSERT_TRUE(out.good()) << path;
+}
+
+// Runs the main event loop until `done` or the timeout.
+bool spinUntil(const std::function<bool()>& done, double seconds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < end) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return done();
+}
+
+void spinFor(double seconds) {
+    spinUntil([] { return false; }, seconds);
+}
+
+class AccelerometerReaderTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        const char* preload = std::getenv("LD_PRELOAD");
+        ASSERT_TRUE(preload && std::strstr(preload, "libumockdev-preload"))
+            << "run this program under umockdev-wrapper (package umockdev)";
+        detector.setOnMagnitudeSample([this](double m) {
+            ++samples;
+            lastMagnitude = m;
+        });
+        detector.setOnSlap([this](double m) { slaps.push_back(m); });
+    }
+    void TearDown() override { detector.stop(); }
+
+    test::LogCapture logs;
+    SlapDetector detector;
+    int samples = 0;
+    double lastMagnitude = -1;
+    std::vector<double> slaps;
+};
+
+}  // namespace
+
+TEST_F(AccelerometerReaderTest, AppliesScaleAndMountMatrix) {
+    Testbed bed;
+    bed.addFile(kData + "iio-poll-i2c-like.umockdev");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 3; }, 3.0));
+    // raw (-7, -1019, 31) at 1024 counts per g, turned by "0, -1, 0; -1, 0, 0; 0, 0, -1".
+    EXPECT_DOUBLE_EQ(detector.lastX(), 1019.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastY(), 7.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), -31.0 / 1024);
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
+}
+
+TEST_F(AccelerometerReaderTest, AppliesTinyHidScales) {
+    Testbed bed;
+    bed.addFile(kData + "iio-poll-hid-like.umockdev");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
+    // raw × 0.00001 m/s² ÷ 9.80665 m/s² per g × 1024, rounded.
+    EXPECT_DOUBLE_EQ(detector.lastX(), -5.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastY(), -999.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), -217.0 / 1024);
+}
+
+TEST_F(AccelerometerReaderTest, ReadsTheLisPositionFile) {
+    Testbed bed;
+    bed.addFile(kData + "lis3-like.umockdev");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 3; }, 3.0));
+    // (-18,12,1002) milli-g.
+    EXPECT_DOUBLE_EQ(detector.lastX(), -18.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastY(), 12.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), 1026.0 / 1024);
+    // The input device and the position file are the same accelerometer.
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
+}
+
+TEST_F(AccelerometerReaderTest, ReadsTheAppleSmcPositionFile) {
+    Testbed bed;
+    bed.addString(
+        "P: /devices/platform/applesmc.768\nE: SUBSYSTEM=platform\n"
+        "A: position=(10,-5,250)\\n\n");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
+    // About 256 counts per g.
+    EXPECT_DOUBLE_EQ(detector.lastX(), 40.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastY(), -20.0 / 1024);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), 1000.0 / 1024);
+}
+
+TEST_F(AccelerometerReaderTest, TwoAxisHdapsLetsZCarryGravity) {
+    Testbed bed;
+    bed.addString(
+        "P: /devices/platform/hdaps\nE: SUBSYSTEM=platform\n"
+        "A: position=(510,498)\\n\n");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
+    // Measured from the first reading; at rest that is 1 g on the missing axis.
+    EXPECT_DOUBLE_EQ(detector.lastX(), 0.0);
+    EXPECT_DOUBLE_EQ(detector.lastY(), 0.0);
+    EXPECT_DOUBLE_EQ(detector.lastZ(), 1.0);
+    EXPECT_DOUBLE_EQ(lastMagnitude, 0.0);
+}
+
+TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
+    Testbed bed;
+    bed.addFile(kData + "iio-poll-i2c-like.umockdev");
+    detector.start();
+    spinFor(0.6);
+    EXPECT_GT(samples, 20);  // about 100 Hz
+    EXPECT_TRUE(slaps.empty());
+    EXPECT_LT(lastMagnitude, 0.01);
+
+    // Written in place, as sysfs changes: the reader keeps its descriptors open.
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "700");  // about 1.21 g
+    spinFor(0.25);
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "31");
+    spinFor(0.5);
+    ASSERT_EQ(slaps.size(), 1u);
+    EXPECT_NEAR(slaps[0], 0.21, 0.01);
+    EXPECT_EQ(detector.slapCount(), 1);
+}
+
+TEST_F(AccelerometerReaderTest, NoSamplesAfterStop) {
+    Testbed bed;
+    bed.addFile(kData + "iio-poll-i2c-like.umockdev");
+    detector.start();
+    ASSERT_TRUE(spinUntil([&] { return samples >= 3; }, 3.0));
+    detector.stop();
+    const int before = samples;
+    spinFor(0.2);
+    EXPECT_EQ(samples, before);
+    EXPECT_FALSE(detector.isListening());
+}
+
+TEST_F(AccelerometerReaderTest, NoDeviceIsLogged) {
+    Testbed bed;  // an empty machine
+    detector.start();
+    EXPECT_TRUE(detector.isListening());
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 0 accelerometer device(s)")));
+    EXPECT_TRUE(logs.lines().contains(QStringLiteral(
+        "Bonkwell: This machine doesn't expose an accelerometer through IIO or the input "
+        "subsystem. Detection won't fire automatically — use the Test / simulate path. The full "
+        "UI is still functional.")));
+}
+
+TEST_F(AccelerometerReaderTest, AnUnusableDeviceIsLoggedAsAnOpeningFailure) {
+    Testbed bed;
+    bed.addString(
+        "P: /devices/platform/broken/iio:device0\nN: iio:device0\nE: SUBSYSTEM=iio\n"
+        "A: dev=250:0\\n\nA: name=broken\\n\nA: in_accel_x_raw=1\\n\nA: in_accel_y_raw=2\\n\n"
+        "A: in_accel_z_raw=3\\n\n");
+    detector.start();
+    EXPECT_TRUE(detector.isListening());
+    EXPECT_TRUE(logs.lines().contains(QStringLiteral(
+        "Bonkwell: opening the accelerometer failed (iio:device0: no usable in_accel_scale). "
+        "Accelerometer unavailable.")))
+        << logs.lines().join(QLatin1Char('\n')).toStdString();
+    EXPECT_TRUE(
+        logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
+}
+
+namespace {
+
+// Counts up in X; notes the thread it is read on.
+class CountingSource final : public accel::SampleSource {
+  public:
+    explicit CountingSource(std::atomic<bool>* onMainThread)
+        : SampleSource(accel::SourceKind::iioPoll, "counting", 100.0), onMain_(onMainThread) {}
+    int waitFd() const override { return -1; }
+    bool read(std::vector<accel::Sample>& out, std::string&) override {
+        if (QThread::currentThread() == QCoreApplication::instance()->thread()) {
+            onMain_->store(true);
+        }
+        out.push_back(accel::Sample{accel::Vec3{next_++ / 1024.0, 0, 1.0}, 0});
+        return true;
+    }
+
+  private:
+    std::atomic<bool>* onMain_;
+    int next_ = 0;
+};
+
+}  // namespace
+
+TEST(AccelerometerReaderThreadTest, ReadsOffTheMainThreadAndDeliversInOrder) {
+    std::atomic<bool> readOnMain{false};
+    std::vector<int> xs;
+    AccelerometerReader reader(std::make_unique<CountingSource>(&readOnMain),
+                               [&](std::int16_t x, std::int16_t, std::int16_t z) {
+                                   EXPECT_EQ(QThread::currentThread(),
+                                             QCoreApplication::instance()->thread());
+                                   EXPECT_EQ(z, 1024);
+                                   xs.push_back(x);
+                               });
+    ASSERT_TRUE(spinUntil([&] { return xs.size() >= 20; }, 3.0));
+    reader.stop();
+    EXPECT_FALSE(readOnMain.load());
+    for (std::size_t i = 0; i < xs.size(); ++i) {
+        EXPECT_EQ(xs[i], static_cast<int>(i));
+    }
+}
+
+TEST(AccelerometerReaderThreadTest, ConvertsToClampedCounts) {
+    EXPECT_EQ(AccelerometerReader::toCounts(1.0), 1024);
+    EXPECT_EQ(AccelerometerReader::toCounts(-0.5), -512);
+    EXPECT_EQ(AccelerometerReader::toCounts(0.0004), 0);
+    EXPECT_EQ(AccelerometerReader::toCounts(0.0005), 1);
+    EXPECT_EQ(AccelerometerReader::toCounts(100.0), 32767);
+    EXPECT_EQ(AccelerometerReader::toCounts(-100.0), -32768);
+    EXPECT_EQ(AccelerometerReader::toCounts(NAN), 0);
+}
