@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean bench-slap-to-sound bench-accel
+.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine
 
 all: build
 
@@ -29,6 +29,15 @@ test-asan:
 	cmake --preset asan -DBONKWELL_WERROR=ON
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+
+# Benchmarks print figures; they are not part of `make test`.
+bench: bench-slap-to-sound bench-accel bench-engine
+
+# The engine client: line throughput, main-thread hop, endless line, launch and idle cost.
+bench-engine: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target thuzz_engine_bench
+	./build/default/bench/engine/thuzz_engine_bench
 
 # Slap-to-sound latency against a private PulseAudio null sink; prints the figures.
 bench-slap-to-sound: deps
