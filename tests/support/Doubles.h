@@ -99,6 +99,9 @@ class RecordingEngine final : public ThuzzEngineInterface {
     }
     bool installHelper() override {
         journal_.calls.append(QStringLiteral("engine.installHelper"));
+        if (duringInstall) {
+            duringInstall();  // runs while the caller is blocked in the install
+        }
         if (installSucceeds) {
             state = InstallState::installed;
         }
@@ -107,6 +110,7 @@ class RecordingEngine final : public ThuzzEngineInterface {
 
     InstallState state = InstallState::notInstalled;
     bool installSucceeds = true;
+    std::function<void()> duringInstall;
     std::function<void(const ThuzzEvent&)> onEvent;
     std::function<void(const QString&)> onStatus;
 
@@ -137,6 +141,8 @@ class RecordingAudio final : public AudioPlayerInterface {
 
 class FakePackManager final : public SoundPackManagerInterface {
   public:
+    FakePackManager() = default;
+    explicit FakePackManager(CallJournal& journal) : journal_(&journal) {}
     QStringList builtInPacks() const override {
         return {QStringLiteral("Pain"), QStringLiteral("Sexy"), QStringLiteral("Halo"),
                 QStringLiteral("Lizard")};
