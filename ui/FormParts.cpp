@@ -3,7 +3,6 @@
 
 #include <QLabel>
 #include <QPainter>
-#include <QScrollArea>
 #include <QVBoxLayout>
 
 namespace bonkwell::form {
@@ -55,15 +54,9 @@ void Card::paintEvent(QPaintEvent*) {
 }
 
 QWidget* page(QWidget* content, QWidget* parent) {
-    auto* scroll = new QScrollArea(parent);
-    scroll->setFrameShape(QFrame::NoFrame);
-    scroll->setWidgetResizable(true);
-    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    scroll->setWidget(content);
-    // Let the tab's own background show through.
-    scroll->viewport()->setAutoFillBackground(false);
-    content->setAutoFillBackground(false);
-    return scroll;
+    content->setParent(parent);
+    content->setContentsMargins(4, 4, 4, 4);
+    return content;
 }
 
 }  // namespace bonkwell::form

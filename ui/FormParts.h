@@ -35,7 +35,7 @@ class Card : public QFrame {
     QVBoxLayout* rows_;
 };
 
-// The tab's page: padding around a column; it scrolls if the text is ever too large.
+// The tab's page: the platform's padding around a column.
 QWidget* page(QWidget* content, QWidget* parent);
 
 }  // namespace bonkwell::form

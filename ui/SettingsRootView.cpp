@@ -14,6 +14,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QTabBar>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -76,6 +77,9 @@ SettingsRootView::SettingsRootView(AppState& state, AudioPlayerInterface& audio,
     tabs_->setObjectName(QStringLiteral("settingsTabs"));
     tabs_->setDocumentMode(false);
     tabs_->setUsesScrollButtons(false);
+    // Five titled tabs with symbols fit the fixed width with slightly smaller tab text.
+    tabs_->tabBar()->setFont(style::font(TextStyle::callout));
+    tabs_->setIconSize(QSize(14, 14));
     QWidget* pages[] = {buildGeneralTab(), buildSoundsTab(), buildSensitivityTab(),
                         buildDiagnosticsTab(), buildAboutTab()};
     for (std::size_t i = 0; i < std::size(kTabs); ++i) {

@@ -76,7 +76,10 @@ class RecordingDetector final : public SlapDetectorInterface {
 class RecordingEngine final : public ThuzzEngineInterface {
   public:
     explicit RecordingEngine(CallJournal& journal) : journal_(journal) {}
-    InstallState installState() const override { return state; }
+    InstallState installState() const override {
+        ++installStateReads;
+        return state;
+    }
     void start() override { journal_.calls.append(QStringLiteral("engine.start")); }
     void stop() override { journal_.calls.append(QStringLiteral("engine.stop")); }
     void updateTuning(double amplitude, std::int64_t cooldownMs) override {
@@ -111,6 +114,7 @@ class RecordingEngine final : public ThuzzEngineInterface {
     InstallState state = InstallState::notInstalled;
     bool installSucceeds = true;
     std::function<void()> duringInstall;
+    mutable int installStateReads = 0;
     std::function<void(const ThuzzEvent&)> onEvent;
     std::function<void(const QString&)> onStatus;
 

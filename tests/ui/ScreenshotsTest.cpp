@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Renders the panel, every Settings tab and the Calibration window to PNG files in the build
+// folder (screenshots/), for people to look at. Each picture is also checked to be a
+// rendering of the right size with more than a blank background in it.
+#include "CalibrationView.h"
+#include "PopoverView.h"
+#include "SettingsWindow.h"
+#include "UiTestSupport.h"
+
+#include <QDir>
+#include <QImage>
+#include <QPixmap>
+#include <QSet>
+#include <QTabWidget>
+#include <QTest>
+
+#include <cmath>
+
+namespace bonkwell {
+namespace {
+
+using test::ViewFixture;
+
+QString outputDir() {
+    const QString dir = QStringLiteral(BONKWELL_SCREENSHOT_DIR);
+    QDir().mkpath(dir);
+    return dir;
+}
+
+// Distinct colours in the picture: a blank or text-less rendering has very few.
+int colourCount(const QImage& image) {
+    QSet<QRgb> colours;
+    for (int y = 0; y < image.height(); y += 2) {
+        for (int x = 0; x < image.width(); x += 2) {
+            colours.insert(image.pixel(x, y));
+        }
+    }
+    return static_cast<int>(colours.size());
+}
+
+void save(QWidget* widget, const QString& name, QSize expected) {
+    const QPixmap shot = widget->grab();
+    ASSERT_EQ(shot.size() / shot.devicePixelRatio(), expected) << name.toStdString();
+    EXPECT_GT(colourCount(shot.toImage()), 40) << name.toStdString();
+    const QString path = outputDir() + QLatin1Char('/') + name + QStringLiteral(".png");
+    EXPECT_TRUE(shot.save(path)) << path.toStdString();
+}
+
+std::vector<double> wave() {
+    std::vector<double> series;
+    for (int i = 0; i < 300; ++i) {
+        double v = 0.012 + 0.006 * std::sin(i * 0.7) + 0.004 * std::sin(i * 2.3);
+        if (i > 200 && i < 212) {
+            v += 0.32 * std::exp(-(i - 203) * 0.45) * (i >= 203 ? 1.0 : 0.3);
+        }
+        series.push_back(std::abs(v));
+    }
+    return series;
+}
+
+TEST(ScreenshotsTest, Panel) {
+    ViewFixture f;
+    f.state->todayCount.set(12);
+    f.state->totalCount.set(348);
+    f.state->sensitivity.set(0.18);
+    f.state->volume.set(0.85);
+    f.state->engineStatus.set(QStringLiteral("Helper not installed — Settings → General"));
+    PopoverView panel(*f.state, f.detector, f.audio, f.packs, f.engine, {}, {}, {});
+    panel.resize(PopoverView::kWidth, panel.sizeHint().height());
+    panel.show();
+    save(&panel, QStringLiteral("panel"), panel.size());
+
+    f.engine.state = InstallState::installed;
+    f.state->engineStatus.set(QStringLiteral("Engine running"));
+    panel.refresh();
+    save(&panel, QStringLiteral("panel-engine-running"), panel.size());
+}
+
+TEST(ScreenshotsTest, SettingsTabs) {
+    ViewFixture f;
+    f.state->liveMagnitude.set(0.0153);
+    f.state->liveSeries.set(wave());
+    f.state->engineStatus.set(
+        QStringLiteral("Helper not installed — open Settings → General → "
+                       "Install detection engine"));
+    SettingsWindowController settings(*f.state, f.detector, f.audio, f.packs, f.engine, {},
+                                      f.desktop);
+    settings.show();
+    const char* names[] = {"settings-general", "settings-sounds", "settings-sensitivity",
+                           "settings-diagnostics", "settings-about"};
+    for (int i = 0; i < 5; ++i) {
+        settings.rootView()->tabs()->setCurrentIndex(i);
+        save(settings.window(), QLatin1String(names[i]), QSize(520, 420));
+    }
+}
+
+TEST(ScreenshotsTest, CalibrationWindow) {
+    ViewFixture f;
+    f.state->sensitivity.set(0.15);
+    f.state->liveSeries.set(wave());
+    f.state->liveMagnitude.set(0.0142);
+    CalibrationWindowController calibration(*f.state, f.detector, f.clock);
+    calibration.show();
+    save(calibration.window(), QStringLiteral("calibration"), QSize(520, 360));
+
+    f.state->liveMagnitude.set(0.3391);
+    calibration.view()->tick();
+    ASSERT_TRUE(calibration.view()->flash());
+    QTest::qWait(250);  // let the status line fade in
+    save(calibration.window(), QStringLiteral("calibration-flash"), QSize(520, 360));
+}
+
+}  // namespace
+}  // namespace bonkwell
