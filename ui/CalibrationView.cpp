@@ -206,6 +206,7 @@ void CalibrationWindowController::show() {
     });
     window_ = window;
     bringToFront(window);
+    centerOnScreen(window);  // again, now that the frame's size is known
 }
 
 }  // namespace bonkwell

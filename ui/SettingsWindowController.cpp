@@ -58,6 +58,7 @@ void SettingsWindowController::show() {
     });
     window_ = window;
     bringToFront(window);
+    centerOnScreen(window);  // again, now that the frame's size is known
 }
 
 }  // namespace bonkwell

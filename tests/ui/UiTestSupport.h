@@ -17,6 +17,14 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
+
+// Readable strings in test failure messages.
+QT_BEGIN_NAMESPACE
+inline void PrintTo(const QString& s, std::ostream* os) {
+    *os << '"' << s.toStdString() << '"';
+}
+QT_END_NAMESPACE
 
 namespace bonkwell::test {
 
@@ -25,7 +33,8 @@ class RecordingDesktop final : public DesktopIntegration {
   public:
     explicit RecordingDesktop(CallJournal& journal) : journal_(journal) {}
     bool setLaunchAtLogin(bool enabled, QString* error) override {
-        journal_.calls.append(QStringLiteral("desktop.setLaunchAtLogin(%1)").arg(enabled));
+        journal_.calls.append(
+            QStringLiteral("desktop.setLaunchAtLogin(%1)").arg(enabled ? "true" : "false"));
         if (!failure.isEmpty()) {
             if (error != nullptr) {
                 *error = failure;
@@ -35,7 +44,8 @@ class RecordingDesktop final : public DesktopIntegration {
         return true;
     }
     void setShowInTaskbar(bool show) override {
-        journal_.calls.append(QStringLiteral("desktop.setShowInTaskbar(%1)").arg(show));
+        journal_.calls.append(
+            QStringLiteral("desktop.setShowInTaskbar(%1)").arg(show ? "true" : "false"));
     }
 
     QString failure;
