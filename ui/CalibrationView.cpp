@@ -9,6 +9,7 @@
 #include "WindowHost.h"
 
 #include <QEasingCurve>
+#include <QEvent>
 #include <QGraphicsOpacityEffect>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -125,6 +126,13 @@ CalibrationView::CalibrationView(AppState& state, const Clock& clock, QWidget* p
 CalibrationView::~CalibrationView() {
     timer_.stop();
     bindings_.clear();
+}
+
+void CalibrationView::changeEvent(QEvent* event) {
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange && value_ != nullptr) {
+        styleValue();
+    }
 }
 
 void CalibrationView::showEvent(QShowEvent* event) {

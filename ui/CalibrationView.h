@@ -39,6 +39,7 @@ class CalibrationView : public QWidget {
 
   protected:
     void showEvent(QShowEvent* event) override;
+    void changeEvent(QEvent* event) override;
 
   private:
     void setFlash(bool on);

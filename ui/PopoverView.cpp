@@ -236,11 +236,6 @@ QWidget* PopoverView::buildCounts() {
     testButton_ = new QPushButton(QStringLiteral("Test"), counts);
     testButton_->setObjectName(QStringLiteral("testButton"));
     testButton_->setAutoDefault(false);
-    // Prominent: filled with the accent colour.
-    QPalette p = testButton_->palette();
-    p.setColor(QPalette::Button, style::accent(p));
-    p.setColor(QPalette::ButtonText, p.color(QPalette::HighlightedText));
-    testButton_->setPalette(p);
     testButton_->setMinimumHeight(30);
     connect(testButton_, &QPushButton::clicked, this, [this] { playTest(); });
     layout->addWidget(testButton_);
@@ -270,7 +265,7 @@ QWidget* PopoverView::buildFooter() {
     layout->addStretch(1);
     QPushButton* quitButton =
         addButton(QStringLiteral("Quit"), QStringLiteral("quitButton"), &quit_);
-    style::setTextColor(quitButton, style::red());  // destructive
+    quitButton_ = quitButton;
     layout->addWidget(quitButton);
     return footer;
 }
@@ -293,9 +288,22 @@ void PopoverView::refresh() {
 }
 
 void PopoverView::updateIcons() {
-    handImage_->setPixmap(symbols::handPixmap(style::accent(palette()), 22, devicePixelRatioF()));
-    testButton_->setIcon(symbols::icon(QStringLiteral("play.fill"),
-                                       testButton_->palette().color(QPalette::ButtonText)));
+    const QPalette& p = palette();
+    handImage_->setPixmap(symbols::handPixmap(style::accent(p), 22, devicePixelRatioF()));
+    // Prominent: filled with the accent colour, in the theme's highlighted text colour.
+    const QColor fill = style::accent(p);
+    const QColor text = p.color(QPalette::HighlightedText);
+    testButton_->setStyleSheet(
+        QStringLiteral("QPushButton { background-color: %1; color: %2; border: 1px solid %3;"
+                       " border-radius: 5px; padding: 4px 14px; font-weight: 600; }"
+                       " QPushButton:hover { background-color: %4; }"
+                       " QPushButton:pressed { background-color: %3; }")
+            .arg(fill.name(), text.name(), fill.darker(125).name(), fill.lighter(110).name()));
+    testButton_->setIcon(symbols::icon(QStringLiteral("play.fill"), text));
+    // Quit is destructive: red text.
+    QPalette quitPalette = p;
+    quitPalette.setColor(QPalette::ButtonText, style::destructiveText(p));
+    quitButton_->setPalette(quitPalette);
 }
 
 void PopoverView::showEvent(QShowEvent* event) {

@@ -64,6 +64,7 @@ class PopoverView : public QWidget {
     ElidedLabel* bannerText_ = nullptr;
     QPushButton* installButton_ = nullptr;
     QPushButton* testButton_ = nullptr;
+    QPushButton* quitButton_ = nullptr;
     bool engineInstalled_ = false;
 
     Bindings bindings_;  // last: its subscriptions end before the widgets go

@@ -70,6 +70,11 @@ QColor grey() {
     return QColor(0x8e, 0x8e, 0x93);
 }
 
+QColor destructiveText(const QPalette& palette) {
+    const bool darkTheme = palette.color(QPalette::Window).lightness() < 128;
+    return darkTheme ? QColor(0xff, 0x7b, 0x72) : QColor(0xc0, 0x1c, 0x28);
+}
+
 void setTextColor(QWidget* widget, const QColor& color) {
     QPalette p = widget->palette();
     p.setColor(QPalette::WindowText, color);
@@ -79,7 +84,8 @@ void setTextColor(QWidget* widget, const QColor& color) {
 }
 
 void setSecondary(QWidget* widget) {
-    setTextColor(widget, secondaryText(widget->palette()));
+    // A role rather than a fixed colour, so the text follows a change of theme.
+    widget->setForegroundRole(QPalette::PlaceholderText);
 }
 
 }  // namespace bonkwell::style

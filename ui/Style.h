@@ -28,10 +28,12 @@ QColor green();
 QColor orange();
 QColor red();
 QColor grey();
+// Red for text that warns of a destructive action, readable on the palette's window colour.
+QColor destructiveText(const QPalette& palette);
 
 // Draws the label's text in `color` (kept when the palette changes).
 void setTextColor(QWidget* widget, const QColor& color);
-// Dims the label's text like secondary text.
+// Dims the widget's text like secondary text (follows the theme).
 void setSecondary(QWidget* widget);
 
 }  // namespace bonkwell::style

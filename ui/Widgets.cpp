@@ -3,6 +3,7 @@
 
 #include "Style.h"
 
+#include <QEvent>
 #include <QHBoxLayout>
 #include <QPainter>
 #include <QPushButton>
@@ -38,7 +39,7 @@ QSize ElidedLabel::minimumSizeHint() const {
 
 void ElidedLabel::paintEvent(QPaintEvent*) {
     QPainter p(this);
-    p.setPen(palette().color(QPalette::WindowText));
+    p.setPen(palette().color(foregroundRole()));
     p.drawText(rect(), Qt::AlignLeft | Qt::AlignVCenter, displayedText());
 }
 
@@ -112,6 +113,27 @@ SegmentedControl::SegmentedControl(const QStringList& titles, QWidget* parent) :
         layout->addWidget(button);
     }
     connect(&group_, &QButtonGroup::idClicked, this, &SegmentedControl::activated);
+    connect(&group_, &QButtonGroup::idToggled, this, [this](int, bool) { updateLook(); });
+    updateLook();
+}
+
+void SegmentedControl::updateLook() {
+    // The selected segment is filled with the accent colour, like a switch that is on.
+    for (QAbstractButton* b : group_.buttons()) {
+        QPalette p = palette();
+        if (b->isChecked()) {
+            p.setColor(QPalette::Button, style::accent(p));
+            p.setColor(QPalette::ButtonText, p.color(QPalette::HighlightedText));
+        }
+        b->setPalette(p);
+    }
+}
+
+void SegmentedControl::changeEvent(QEvent* event) {
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange) {
+        updateLook();
+    }
 }
 
 int SegmentedControl::currentIndex() const {

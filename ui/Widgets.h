@@ -62,7 +62,12 @@ class SegmentedControl : public QWidget {
     // The user picked a segment.
     void activated(int index);
 
+  protected:
+    void changeEvent(QEvent* event) override;
+
   private:
+    void updateLook();
+
     QButtonGroup group_;
 };
 

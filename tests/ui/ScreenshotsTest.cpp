@@ -7,6 +7,7 @@
 #include "SettingsWindow.h"
 #include "UiTestSupport.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QImage>
 #include <QPixmap>
@@ -108,6 +109,44 @@ TEST(ScreenshotsTest, CalibrationWindow) {
     ASSERT_TRUE(calibration.view()->flash());
     QTest::qWait(250);  // let the status line fade in
     save(calibration.window(), QStringLiteral("calibration-flash"), QSize(520, 360));
+}
+
+// The same views on a dark theme: nothing may be drawn in fixed light colours.
+TEST(ScreenshotsTest, DarkTheme) {
+    const QPalette light = QApplication::palette();
+    QPalette dark;
+    dark.setColor(QPalette::Window, QColor(0x2b, 0x2b, 0x2b));
+    dark.setColor(QPalette::WindowText, QColor(0xee, 0xee, 0xee));
+    dark.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x1e));
+    dark.setColor(QPalette::AlternateBase, QColor(0x33, 0x33, 0x33));
+    dark.setColor(QPalette::Text, QColor(0xee, 0xee, 0xee));
+    dark.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3a));
+    dark.setColor(QPalette::ButtonText, QColor(0xee, 0xee, 0xee));
+    dark.setColor(QPalette::Mid, QColor(0x55, 0x55, 0x55));
+    dark.setColor(QPalette::PlaceholderText, QColor(0xee, 0xee, 0xee, 0x90));
+    dark.setColor(QPalette::Highlight, QColor(0x35, 0x84, 0xe4));
+    dark.setColor(QPalette::HighlightedText, Qt::white);
+    QApplication::setPalette(dark);
+    {
+        ViewFixture f;
+        f.state->todayCount.set(3);
+        f.state->totalCount.set(41);
+        f.engine.state = InstallState::installed;
+        f.state->engineStatus.set(QStringLiteral("Engine running"));
+        PopoverView panel(*f.state, f.detector, f.audio, f.packs, f.engine, {}, {}, {});
+        panel.resize(PopoverView::kWidth, panel.sizeHint().height());
+        panel.show();
+        save(&panel, QStringLiteral("panel-dark"), panel.size());
+
+        f.state->liveSeries.set(wave());
+        SettingsWindowController settings(*f.state, f.detector, f.audio, f.packs, f.engine, {},
+                                          f.desktop);
+        settings.show();
+        save(settings.window(), QStringLiteral("settings-general-dark"), QSize(520, 420));
+        settings.rootView()->tabs()->setCurrentIndex(SettingsRootView::diagnostics);
+        save(settings.window(), QStringLiteral("settings-diagnostics-dark"), QSize(520, 420));
+    }
+    QApplication::setPalette(light);
 }
 
 }  // namespace
