@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean
+.PHONY: all deps build run test test-default test-asan format check-format clean bench-ui
 
 all: build
 
@@ -29,6 +29,12 @@ test-asan:
 	cmake --preset asan -DBONKWELL_WERROR=ON
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+
+# What the views cost (build times, graph paint, CPU with samples streaming in).
+bench-ui: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target ui_bench
+	./build/default/bench/ui_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

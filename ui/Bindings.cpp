@@ -7,7 +7,10 @@
 #include <QComboBox>
 #include <QSignalBlocker>
 
+#include <QTimer>
+
 #include <memory>
+#include <optional>
 
 namespace bonkwell {
 
@@ -86,6 +89,37 @@ void Bindings::packPicker(QComboBox* combo, Published<QString>& selected,
     observe<QString>(selected, select);
     QObject::connect(combo, &QComboBox::activated, combo, [combo, &selected](int index) {
         selected.set(combo->itemData(index).toString());
+    });
+}
+
+void Bindings::liveText(QLabel* label, Published<double>& property,
+                        std::function<QString(const double&)> format, int intervalMs) {
+    struct Throttle {
+        QTimer* timer = nullptr;
+        std::optional<double> pending;
+        bool primed = false;
+    };
+    auto throttle = std::make_shared<Throttle>();
+    throttle->timer = new QTimer(label);  // ends with the label
+    throttle->timer->setSingleShot(true);
+    throttle->timer->setInterval(intervalMs);
+    QObject::connect(throttle->timer, &QTimer::timeout, label, [label, format, throttle] {
+        if (throttle->pending) {
+            label->setText(format(*throttle->pending));
+            throttle->pending.reset();
+            throttle->timer->start();  // keep gathering while values keep coming
+        }
+    });
+    observe<double>(property, [label, format, throttle](const double& value) {
+        if (!throttle->primed) {
+            throttle->primed = true;  // the current value, at subscription
+            label->setText(format(value));
+        } else if (throttle->timer->isActive()) {
+            throttle->pending = value;
+        } else {
+            label->setText(format(value));
+            throttle->timer->start();
+        }
     });
 }
 

@@ -54,6 +54,12 @@ class Bindings {
         });
     }
 
+    // Label text ← a property that may change a hundred times a second, at most one new text
+    // per `intervalMs`: a change after a quiet spell shows at once; changes that follow
+    // quickly are gathered and the latest is shown when the interval ends.
+    void liveText(QLabel* label, Published<double>& property,
+                  std::function<QString(const double&)> format, int intervalMs = 33);
+
     // Any handler ← property (delivered at once and on every assignment).
     template <typename T>
     void observe(Published<T>& property,

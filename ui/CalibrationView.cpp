@@ -41,7 +41,7 @@ CalibrationView::CalibrationView(AppState& state, const Clock& clock, QWidget* p
     value_ = new QLabel(this);
     value_->setObjectName(QStringLiteral("magnitudeValue"));
     style::setTextStyle(value_, TextStyle::title3);
-    bindings_.text<double>(value_, state_.liveMagnitude, format::magnitude);
+    bindings_.liveText(value_, state_.liveMagnitude, format::magnitude);
     magnitudeRow->addWidget(value_);
     layout->addLayout(magnitudeRow);
 
@@ -118,6 +118,8 @@ CalibrationView::CalibrationView(AppState& state, const Clock& clock, QWidget* p
     fade_->setEndValue(1.0);
 
     styleValue();
+    value_->setAlignment(Qt::AlignCenter);
+    fixSizeForText(value_, QStringLiteral("88.8888 g"));
     timer_.setInterval(kTickMs);
     timer_.setTimerType(Qt::PreciseTimer);
     QObject::connect(&timer_, &QTimer::timeout, this, [this] { tick(); });

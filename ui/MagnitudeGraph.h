@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QPainterPath>
+#include <QTimer>
 #include <QWidget>
 
 #include <vector>
@@ -23,8 +24,12 @@ struct GraphGeometry {
 GraphGeometry graphGeometry(const std::vector<double>& series, double threshold, double width,
                             double height);
 
+// Samples may arrive a hundred times a second; the graph takes each at once but redraws at
+// most kFrameMs apart, which is smooth to the eye and a fraction of the work.
 class MagnitudeGraph : public QWidget {
   public:
+    static constexpr int kFrameMs = 33;
+
     explicit MagnitudeGraph(QWidget* parent = nullptr);
 
     void setSeries(std::vector<double> series);
@@ -38,6 +43,9 @@ class MagnitudeGraph : public QWidget {
     void paintEvent(QPaintEvent* event) override;
 
   private:
+    void scheduleRepaint();
+
+    QTimer frame_;
     std::vector<double> series_;
     double threshold_ = 0;
 };

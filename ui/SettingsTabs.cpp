@@ -166,7 +166,8 @@ QWidget* SettingsRootView::buildDiagnosticsTab() {
     now->addWidget(new QLabel(QStringLiteral("Now:"), content));
     auto* magnitude = new QLabel(content);
     magnitude->setObjectName(QStringLiteral("nowValue"));
-    bindings_.text<double>(magnitude, state_.liveMagnitude, format::magnitude);
+    fixSizeForText(magnitude, QStringLiteral("88.8888 g"));
+    bindings_.liveText(magnitude, state_.liveMagnitude, format::magnitude);
     now->addWidget(magnitude);
     now->addStretch(1);
     auto* threshold = new QLabel(content);

@@ -5,6 +5,7 @@
 
 #include <QEvent>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QPainter>
 #include <QPushButton>
 #include <QSignalBlocker>
@@ -41,6 +42,15 @@ void ElidedLabel::paintEvent(QPaintEvent*) {
     QPainter p(this);
     p.setPen(palette().color(foregroundRole()));
     p.drawText(rect(), Qt::AlignLeft | Qt::AlignVCenter, displayedText());
+}
+
+void fixSizeForText(QLabel* label, const QString& widest) {
+    const QString text = label->text();
+    label->ensurePolished();  // style sheet padding counts
+    label->setText(widest);
+    const QSize size = label->sizeHint();
+    label->setText(text);
+    label->setFixedSize(size);
 }
 
 QWidget* makeDivider(QWidget* parent) {

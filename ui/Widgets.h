@@ -9,6 +9,7 @@
 #include <QStringList>
 #include <QWidget>
 
+class QLabel;
 class QPushButton;
 
 namespace bonkwell {
@@ -31,6 +32,10 @@ class ElidedLabel : public QWidget {
   private:
     QString text_;
 };
+
+// Gives a label that shows a rapidly changing number the fixed size of `widest`, so that a new
+// value only repaints the label and never lays out its window again.
+void fixSizeForText(QLabel* label, const QString& widest);
 
 // A thin horizontal rule between groups of rows.
 QWidget* makeDivider(QWidget* parent = nullptr);

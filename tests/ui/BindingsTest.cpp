@@ -160,6 +160,33 @@ TEST(BindingsTest, SubscriptionsEndWithTheBindings) {
     EXPECT_EQ(label.text(), QStringLiteral("0.05"));
 }
 
+TEST(BindingsTest, LiveTextShowsAChangeAtOnceAndGathersTheRest) {
+    test::ViewFixture f;
+    Bindings bindings;
+    QLabel label;
+    int texts = 0;
+    bindings.liveText(
+        &label, f.state->liveMagnitude,
+        [&texts](const double& v) {
+            ++texts;
+            return QString::number(v);
+        },
+        40);
+    EXPECT_EQ(label.text(), QStringLiteral("0"));  // the current value at once
+    f.state->liveMagnitude.set(0.5);
+    EXPECT_EQ(label.text(), QStringLiteral("0.5"));  // first change after a quiet spell
+    for (int i = 1; i <= 20; ++i) {
+        f.state->liveMagnitude.set(i);
+    }
+    EXPECT_EQ(label.text(), QStringLiteral("0.5"));  // gathered
+    EXPECT_TRUE(test::waitFor([&] { return label.text() == QStringLiteral("20"); }));
+    EXPECT_EQ(texts, 3);  // initial, first change, the latest of the burst
+    QTest::qWait(120);
+    EXPECT_EQ(texts, 3);  // nothing more without changes
+    f.state->liveMagnitude.set(7);
+    EXPECT_EQ(label.text(), QStringLiteral("7"));
+}
+
 TEST(BindingsTest, AnyChangeSkipsSubscriptionAndLiveSamples) {
     test::ViewFixture f;
     Bindings bindings;

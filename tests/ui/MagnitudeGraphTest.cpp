@@ -3,6 +3,7 @@
 #include "UiTestSupport.h"
 
 #include <QImage>
+#include <QTest>
 
 namespace bonkwell {
 namespace {
@@ -101,6 +102,36 @@ TEST(MagnitudeGraphTest, PaintsADashedThresholdAndTheSeriesInTheAccentColour) {
         blue += (bluish(drawn.pixelColor(x, 50)) || bluish(drawn.pixelColor(x, 49))) ? 1 : 0;
     }
     EXPECT_GT(blue, 170);
+}
+
+// Counts the paints of a graph.
+class CountingGraph : public MagnitudeGraph {
+  public:
+    int paints = 0;
+
+  protected:
+    void paintEvent(QPaintEvent* event) override {
+        ++paints;
+        MagnitudeGraph::paintEvent(event);
+    }
+};
+
+TEST(MagnitudeGraphTest, ABurstOfSamplesIsDrawnInFewFrames) {
+    CountingGraph graph;
+    graph.resize(200, 100);
+    graph.show();
+    ASSERT_TRUE(test::waitFor([&] { return graph.paints > 0; }));
+    graph.paints = 0;
+    std::vector<double> series;
+    for (int i = 0; i < 100; ++i) {
+        series.push_back(0.01 * i);
+        graph.setSeries(series);
+        QCoreApplication::processEvents();  // as if each sample came in its own event
+    }
+    EXPECT_EQ(graph.series().size(), 100u);  // every sample is taken at once
+    EXPECT_TRUE(test::waitFor([&] { return graph.paints > 0; }));
+    QTest::qWait(2 * MagnitudeGraph::kFrameMs);
+    EXPECT_LE(graph.paints, 3);
 }
 
 }  // namespace

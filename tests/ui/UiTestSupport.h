@@ -10,12 +10,16 @@
 #include "TestSupport.h"
 
 #include <QAbstractButton>
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QLabel>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QWidget>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <ostream>
 
@@ -74,6 +78,20 @@ struct ViewFixture {
         return calls;
     }
 };
+
+// Runs the event loop until `condition` holds or `timeoutMs` pass; returns the condition.
+inline bool waitFor(const std::function<bool()>& condition, int timeoutMs = 2000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > timeoutMs) {
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(2);
+    }
+    return true;
+}
 
 // The child of `root` with this object name and type; fails the test when there is none.
 template <typename T>
