@@ -219,6 +219,8 @@ void SettingsRootView::refreshEngineRow() {
 void SettingsRootView::installEngine() {
     // The administrator prompt blocks this thread; say so with the cursor.
     QApplication::setOverrideCursor(Qt::WaitCursor);
+    // Let the cursor reach the display before the thread blocks.
+    QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
     const bool installed = engine_.installHelper();
     QApplication::restoreOverrideCursor();
     if (installed && state_.listeningEnabled.get()) {

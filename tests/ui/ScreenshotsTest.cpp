@@ -5,11 +5,13 @@
 #include "CalibrationView.h"
 #include "PopoverView.h"
 #include "SettingsWindow.h"
+#include "Symbols.h"
 #include "UiTestSupport.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QImage>
+#include <QPainter>
 #include <QPixmap>
 #include <QSet>
 #include <QTabWidget>
@@ -109,6 +111,33 @@ TEST(ScreenshotsTest, CalibrationWindow) {
     ASSERT_TRUE(calibration.view()->flash());
     QTest::qWait(250);  // let the status line fade in
     save(calibration.window(), QStringLiteral("calibration-flash"), QSize(520, 360));
+}
+
+// Every symbol at the sizes the app uses, and the hand as the tray draws it on a light and a
+// dark panel.
+TEST(ScreenshotsTest, Symbols) {
+    const QStringList names = symbols::knownSymbols();
+    const int sizes[] = {16, 24, 48};
+    QImage sheet(40 + 64 * 3, 8 + 56 * static_cast<int>(names.size()) + 60, QImage::Format_ARGB32);
+    sheet.fill(Qt::white);
+    QPainter p(&sheet);
+    int y = 8;
+    for (const QString& name : names) {
+        int x = 8;
+        for (int size : sizes) {
+            p.drawPixmap(x, y, symbols::pixmap(name, QColor(0x20, 0x20, 0x20), size));
+            x += 64;
+        }
+        y += 56;
+    }
+    p.fillRect(0, y, sheet.width(), 60, QColor(0x30, 0x30, 0x30));
+    p.drawPixmap(8, y + 8, symbols::handPixmap(Qt::white, 18));
+    p.drawPixmap(40, y + 8, symbols::handPixmap(Qt::white, 22));
+    p.drawPixmap(80, y + 8, symbols::handPixmap(Qt::white, 44));
+    p.end();
+    const QString path = outputDir() + QStringLiteral("/symbols.png");
+    EXPECT_TRUE(sheet.save(path));
+    EXPECT_GT(colourCount(sheet), 10);
 }
 
 // The same views on a dark theme: nothing may be drawn in fixed light colours.
