@@ -2,6 +2,7 @@
 #include "FormParts.h"
 
 #include <QLabel>
+#include <QLayout>
 #include <QPainter>
 #include <QVBoxLayout>
 
@@ -39,7 +40,7 @@ QVBoxLayout* section(const QString& title, QVBoxLayout* into, QWidget* parent) {
 }
 
 Card::Card(QWidget* parent) : QFrame(parent), rows_(new QVBoxLayout(this)) {
-    rows_->setContentsMargins(12, 10, 12, 10);
+    rows_->setContentsMargins(12, 8, 12, 8);
     rows_->setSpacing(8);
 }
 
@@ -55,7 +56,9 @@ void Card::paintEvent(QPaintEvent*) {
 
 QWidget* page(QWidget* content, QWidget* parent) {
     content->setParent(parent);
-    content->setContentsMargins(4, 4, 4, 4);
+    if (content->layout() != nullptr) {
+        content->layout()->setContentsMargins(12, 10, 12, 10);
+    }
     return content;
 }
 

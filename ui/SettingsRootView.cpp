@@ -88,6 +88,7 @@ SettingsRootView::SettingsRootView(AppState& state, AudioPlayerInterface& audio,
     tabs_->setCurrentIndex(general);
     layout->addWidget(tabs_);
     updateIcons();
+    fitTabTitles();
 
     refreshEngineRow();
     // The engine row is redrawn on every change of the model, reading the install state again.
@@ -96,6 +97,18 @@ SettingsRootView::SettingsRootView(AppState& state, AudioPlayerInterface& audio,
 
 SettingsRootView::~SettingsRootView() {
     bindings_.clear();
+}
+
+void SettingsRootView::fitTabTitles() {
+    // With a large interface font the five tabs would not fit the fixed width: shrink
+    // their text until they do.
+    tabs_->tabBar()->ensurePolished();
+    QFont tabFont = tabs_->tabBar()->font();
+    const int room = SettingsWindowController::kWidth - 2 * 16 - 4;
+    while (tabs_->tabBar()->sizeHint().width() > room && tabFont.pointSizeF() > 6.0) {
+        tabFont.setPointSizeF(tabFont.pointSizeF() - 0.5);
+        tabs_->tabBar()->setFont(tabFont);
+    }
 }
 
 void SettingsRootView::updateIcons() {
@@ -118,14 +131,14 @@ QWidget* SettingsRootView::buildGeneralTab() {
     auto* content = new QWidget;
     content->setObjectName(QStringLiteral("generalTab"));
     auto* layout = new QVBoxLayout(content);
-    layout->setSpacing(6);
+    layout->setSpacing(4);
 
     QVBoxLayout* engine = form::section(QStringLiteral("Detection engine"), layout, content);
     engine->addWidget(buildEngineRow(content));
-    layout->addSpacing(8);
+    layout->addSpacing(6);
 
     QVBoxLayout* app = form::section(QStringLiteral("App"), layout, content);
-    app->setSpacing(6);
+    app->setSpacing(2);
     auto addSwitch = [&](const QString& title, const QString& objectName) {
         auto* line = new QWidget(content);
         auto* lineLayout = new QHBoxLayout(line);

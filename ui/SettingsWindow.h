@@ -56,6 +56,7 @@ class SettingsRootView : public QWidget {
     void changeLaunchAtLogin(bool enabled);
     void changeShowInTaskbar(bool show);
     void updateIcons();
+    void fitTabTitles();
 
     AppState& state_;
     AudioPlayerInterface& audio_;

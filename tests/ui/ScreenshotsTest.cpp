@@ -11,9 +11,11 @@
 #include <QApplication>
 #include <QDir>
 #include <QImage>
+#include <QLayout>
 #include <QPainter>
 #include <QPixmap>
 #include <QSet>
+#include <QTabBar>
 #include <QTabWidget>
 #include <QTest>
 
@@ -111,6 +113,38 @@ TEST(ScreenshotsTest, CalibrationWindow) {
     ASSERT_TRUE(calibration.view()->flash());
     QTest::qWait(250);  // let the status line fade in
     save(calibration.window(), QStringLiteral("calibration-flash"), QSize(520, 360));
+}
+
+// Desktops often use an 11 pt interface font: the fixed-size Settings window must still fit.
+TEST(ScreenshotsTest, LargerFont) {
+    const QFont normal = QApplication::font();
+    QApplication::setFont(QFont(QStringLiteral("DejaVu Sans"), 11));
+    {
+        ViewFixture f;
+        SettingsWindowController settings(*f.state, f.detector, f.audio, f.packs, f.engine, {},
+                                          f.desktop);
+        settings.show();
+        // Every tab has the room its rows need at their width, and every tab title shows.
+        QTabWidget* tabs = settings.rootView()->tabs();
+        for (int i = 0; i < tabs->count(); ++i) {
+            tabs->setCurrentIndex(i);
+            QWidget* page = tabs->currentWidget();
+            QLayout* layout = page->layout();
+            ASSERT_NE(layout, nullptr);
+            const int needed = layout->hasHeightForWidth()
+                                   ? layout->totalHeightForWidth(page->width())
+                                   : layout->totalMinimumSize().height();
+            EXPECT_LE(needed, page->height()) << tabs->tabText(i).toStdString();
+            EXPECT_TRUE(tabs->tabBar()->rect().contains(tabs->tabBar()->tabRect(i)));
+        }
+        tabs->setCurrentIndex(0);
+        save(settings.window(), QStringLiteral("settings-general-11pt"), QSize(520, 420));
+        PopoverView panel(*f.state, f.detector, f.audio, f.packs, f.engine, {}, {}, {});
+        panel.resize(PopoverView::kWidth, panel.sizeHint().height());
+        panel.show();
+        save(&panel, QStringLiteral("panel-11pt"), panel.size());
+    }
+    QApplication::setFont(normal);
 }
 
 // Every symbol at the sizes the app uses, and the hand as the tray draws it on a light and a
