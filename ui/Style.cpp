@@ -47,12 +47,6 @@ QColor primaryText(const QPalette& palette) {
     return palette.color(QPalette::WindowText);
 }
 
-QColor secondaryText(const QPalette& palette) {
-    QColor c = palette.color(QPalette::WindowText);
-    c.setAlphaF(0.62f);
-    return c;
-}
-
 QColor controlBackground(const QPalette& palette) {
     return palette.color(QPalette::Base);
 }

@@ -20,7 +20,6 @@ void setTextStyle(QWidget* widget, TextStyle textStyle);
 // Palette-derived colours.
 QColor accent(const QPalette& palette);
 QColor primaryText(const QPalette& palette);
-QColor secondaryText(const QPalette& palette);
 QColor controlBackground(const QPalette& palette);
 
 // Fixed signal colours, readable on light and dark backgrounds.

@@ -175,6 +175,8 @@ int main(int argc, char** argv) {
                 medianMs(200, [&] { graph.render(&canvas); }));
 
     const double seconds = 5.0;
+    std::printf("CPU, 100 Hz samples, no view (baseline):     %5.2f %% of a core\n",
+                cpuWhileStreaming(detector, seconds));
     {
         PopoverView panel(state, detector, audio, packs, engine, {}, {}, {});
         std::printf("CPU, 100 Hz samples, panel hidden:           %5.2f %% of a core\n",
