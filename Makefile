@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine
+.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui
 
 all: build
 
@@ -31,7 +31,7 @@ test-asan:
 	ctest --preset asan -j $(JOBS)
 
 # Benchmarks print figures; they are not part of `make test`.
-bench: bench-slap-to-sound bench-accel bench-engine
+bench: bench-slap-to-sound bench-accel bench-engine bench-ui
 
 # The engine client: line throughput, main-thread hop, endless line, launch and idle cost.
 bench-engine: deps
@@ -49,6 +49,12 @@ bench-accel: deps
 	cmake --build --preset default -j $(JOBS) --target thuzz-detector accel_detection_quality
 	./build/default/bench/accel_detection_quality tests/data/impacts/user1_hand_1506421989895.csv
 	bench/accel/idle-cpu.sh build/default/bin/Helpers/thuzz-detector
+
+# What the views cost (build times, graph paint, CPU with samples streaming in).
+bench-ui: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target ui_bench
+	./build/default/bench/ui_bench
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -1,36 +1,70 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Bonkwell: slap your laptop, hear it complain.
-#include "AppState.h"
-#include "Log.h"
+// Bonkwell: slap your laptop, hear it complain. Reads no options.
+#include "AppDelegate.h"
+#include "AudioPlayer.h"
+#include "Clock.h"
+#include "LinuxDesktop.h"
+#include "MenuBarController.h"
+#include "SlapDetector.h"
+#include "SoundPackManager.h"
+#include "ThuzzEngine.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QSocketNotifier>
+#include <QTimer>
 
-#include <sys/signalfd.h>
+#include <fcntl.h>
 #include <unistd.h>
+
 #include <csignal>
 
+using namespace bonkwell;
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+void onTerminationSignal(int) {
+    const char byte = 'q';
+    [[maybe_unused]] const ssize_t n = ::write(signalPipe[1], &byte, 1);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("Bonkwell"));
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Bonkwell"));
+    QApplication::setDesktopFileName(QStringLiteral("com.bonkwell.Bonkwell"));
+    // A tray app: closing Settings or Calibration must not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
 
-    bonkwell::AppState state;
-    state.load();
-    bonkwell::logLine(QStringLiteral("Bonkwell: started; %1 slaps today, %2 in all")
-                          .arg(state.todayCount.get())
-                          .arg(state.totalCount.get()));
+    LinuxDesktop desktop;
+    AppDelegate::Parts parts{std::make_unique<AppState>(), std::make_unique<SlapDetector>(),
+                             std::make_unique<AudioPlayer>(Clock::system()),
+                             std::make_unique<SoundPackManager>(), std::make_unique<ThuzzEngine>()};
+    AppDelegate delegate(std::move(parts), [&desktop](AppDelegate& d) {
+        auto menuBar = std::make_unique<MenuBarController>(d.state(), d.detector(), d.audio(),
+                                                           d.packManager(), d.engine(), desktop);
+        menuBar->start();
+        return menuBar;
+    });
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &app,
+                     [&delegate] { delegate.applicationWillTerminate(); });
 
-    // Quit cleanly on SIGINT/SIGTERM.
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGINT);
-    sigaddset(&mask, SIGTERM);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    const int sfd = signalfd(-1, &mask, SFD_CLOEXEC);
-    QSocketNotifier notifier(sfd, QSocketNotifier::Read);
+    // SIGINT and SIGTERM end the app through the event loop, like "Quit Bonkwell". The
+    // handler only writes to a pipe; no signal mask is changed, so children start clean.
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) == 0) {
+        struct sigaction action {};
+        action.sa_handler = onTerminationSignal;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGINT, &action, nullptr);
+        sigaction(SIGTERM, &action, nullptr);
+    }
+    QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
     QObject::connect(&notifier, &QSocketNotifier::activated, &app,
                      [] { QCoreApplication::quit(); });
-    const int rc = QCoreApplication::exec();
-    ::close(sfd);
-    return rc;
+
+    QTimer::singleShot(0, &app, [&delegate] { delegate.applicationDidFinishLaunching(); });
+    return QApplication::exec();
 }

@@ -76,7 +76,10 @@ class RecordingDetector final : public SlapDetectorInterface {
 class RecordingEngine final : public ThuzzEngineInterface {
   public:
     explicit RecordingEngine(CallJournal& journal) : journal_(journal) {}
-    InstallState installState() const override { return state; }
+    InstallState installState() const override {
+        ++installStateReads;
+        return state;
+    }
     void start() override { journal_.calls.append(QStringLiteral("engine.start")); }
     void stop() override { journal_.calls.append(QStringLiteral("engine.stop")); }
     void updateTuning(double amplitude, std::int64_t cooldownMs) override {
@@ -99,6 +102,9 @@ class RecordingEngine final : public ThuzzEngineInterface {
     }
     bool installHelper() override {
         journal_.calls.append(QStringLiteral("engine.installHelper"));
+        if (duringInstall) {
+            duringInstall();  // runs while the caller is blocked in the install
+        }
         if (installSucceeds) {
             state = InstallState::installed;
         }
@@ -107,6 +113,8 @@ class RecordingEngine final : public ThuzzEngineInterface {
 
     InstallState state = InstallState::notInstalled;
     bool installSucceeds = true;
+    std::function<void()> duringInstall;
+    mutable int installStateReads = 0;
     std::function<void(const ThuzzEvent&)> onEvent;
     std::function<void(const QString&)> onStatus;
 

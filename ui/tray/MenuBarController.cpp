@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "MenuBarController.h"
 
-#include "CalibrationWindowController.h"
+#include "CalibrationView.h"
 #include "Log.h"
 #include "PopoverView.h"
-#include "SettingsWindowController.h"
+#include "SettingsWindow.h"
+#include "Symbols.h"
 #include "TestEvents.h"
 
 #include <QApplication>
@@ -27,7 +28,7 @@ constexpr qint64 kReopenGuardMs = 250;
 
 // Closing the fallback window ends the app.
 class FallbackWindow final : public QWidget {
-protected:
+  protected:
     void closeEvent(QCloseEvent* event) override {
         event->accept();
         QCoreApplication::quit();
@@ -158,9 +159,13 @@ void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reaso
     }
 }
 
-QWidget* MenuBarController::panel() const { return popup_.get(); }
+QWidget* MenuBarController::panel() const {
+    return popup_.get();
+}
 
-bool MenuBarController::panelShown() const { return popup_->isVisible(); }
+bool MenuBarController::panelShown() const {
+    return popup_->isVisible();
+}
 
 void MenuBarController::togglePopover() {
     if (fallbackWindow_ != nullptr) {
@@ -190,8 +195,8 @@ void MenuBarController::togglePopover() {
 void MenuBarController::positionPanel() {
     const QSize size = popup_->size();
     const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
-    const QPoint anchor = icon.isValid() ? QPoint(icon.center().x(), icon.bottom() + 1)
-                                         : QCursor::pos();
+    const QPoint anchor =
+        icon.isValid() ? QPoint(icon.center().x(), icon.bottom() + 1) : QCursor::pos();
     QScreen* screen = QGuiApplication::screenAt(anchor);
     if (screen == nullptr) {
         screen = QGuiApplication::primaryScreen();
@@ -202,8 +207,10 @@ void MenuBarController::positionPanel() {
     if (icon.isValid() && topLeft.y() + size.height() > area.bottom()) {
         topLeft.setY(icon.top() - size.height());
     }
-    topLeft.setX(std::clamp(topLeft.x(), area.left(), std::max(area.left(), area.right() - size.width() + 1)));
-    topLeft.setY(std::clamp(topLeft.y(), area.top(), std::max(area.top(), area.bottom() - size.height() + 1)));
+    topLeft.setX(std::clamp(topLeft.x(), area.left(),
+                            std::max(area.left(), area.right() - size.width() + 1)));
+    topLeft.setY(std::clamp(topLeft.y(), area.top(),
+                            std::max(area.top(), area.bottom() - size.height() + 1)));
     popup_->move(topLeft);
 }
 
@@ -261,33 +268,27 @@ void MenuBarController::openCalibration() {
     }
 }
 
-void MenuBarController::quit() { QCoreApplication::quit(); }
+void MenuBarController::quit() {
+    QCoreApplication::quit();
+}
 
 QIcon MenuBarController::makeIcon() {
+    // Symbolic: our hand in the panel's text colour.
     const QColor ink = QGuiApplication::palette().color(QPalette::WindowText);
-    QIcon icon;
-    const QIcon hand(QStringLiteral(":/icons/hand.svg"));
-    for (int side : {16, 18, 22, 24, 32, 48, 64}) {
-        QPixmap pixmap(side, side);
-        pixmap.fill(Qt::transparent);
-        QPainter painter(&pixmap);
-        painter.setRenderHint(QPainter::Antialiasing);
-        if (!hand.isNull()) {
-            hand.paint(&painter, pixmap.rect());
-            // Symbolic: the shape in the panel's text colour.
-            painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
-            painter.fillRect(pixmap.rect(), ink);
-        } else {
-            // An 18×18 image holding a filled circle of diameter 12, centred.
-            const qreal scale = side / 18.0;
-            painter.setPen(Qt::NoPen);
-            painter.setBrush(ink);
-            painter.drawEllipse(QRectF(3 * scale, 3 * scale, 12 * scale, 12 * scale));
-        }
-        painter.end();
-        icon.addPixmap(pixmap);
+    QIcon icon = symbols::handIcon(ink);
+    if (!icon.isNull()) {
+        return icon;
     }
-    return icon;
+    // Without it: an 18×18 image holding a filled circle of diameter 12, centred.
+    QPixmap pixmap(18, 18);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(ink);
+    painter.drawEllipse(QRectF(3, 3, 12, 12));
+    painter.end();
+    return QIcon(pixmap);
 }
 
 }  // namespace bonkwell

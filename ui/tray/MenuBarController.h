@@ -27,10 +27,10 @@ class SettingsWindowController;
 // With no tray host at all the panel becomes an ordinary window titled "Bonkwell", and
 // closing that window quits the app.
 class MenuBarController : public QObject {
-public:
-    MenuBarController(AppState& state, SlapDetectorInterface& detector,
-                      AudioPlayerInterface& audio, SoundPackManagerInterface& packManager,
-                      ThuzzEngineInterface& engine, DesktopIntegration& desktop);
+  public:
+    MenuBarController(AppState& state, SlapDetectorInterface& detector, AudioPlayerInterface& audio,
+                      SoundPackManagerInterface& packManager, ThuzzEngineInterface& engine,
+                      DesktopIntegration& desktop);
     ~MenuBarController() override;
 
     // Waits (up to `trayTimeoutMs`) for a tray host, then shows the icon; without one, shows
@@ -59,7 +59,7 @@ public:
     // The tray icon: our hand symbol in the panel's text colour, or an 18×18 circle.
     static QIcon makeIcon();
 
-private:
+  private:
     void rebuildMenu();
     void createTrayIcon(TrayWaiter::Host host);
     void showFallbackWindow();
