@@ -53,7 +53,10 @@ wait_for() {  # wait_for SECONDS DESCRIPTION COMMAND…
         if "$@" >/dev/null 2>&1; then return 0; fi
         sleep 0.1
     done
-    echo "session.sh: $what did not come up" >&2
+    echo "session.sh: $what did not come up within $(( limit / 10 )) s" >&2
+    for log in "$scratch"/*.log; do
+        [ -s "$log" ] && { echo "--- $log" >&2; tail -n 20 "$log" >&2; }
+    done
     return 1
 }
 
@@ -62,13 +65,13 @@ exec 3> "$scratch/display"
 Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp >"$scratch/xvfb.log" 2>&1 &
 pids+=($!)
 exec 3>&-
-wait_for 10 "Xvfb" test -s "$scratch/display"
+wait_for 30 "Xvfb" test -s "$scratch/display"
 export DISPLAY=":$(head -n1 "$scratch/display")"
 unset WAYLAND_DISPLAY
 
 openbox --sm-disable >"$scratch/openbox.log" 2>&1 &
 pids+=($!)
-wait_for 10 "openbox" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"'
+wait_for 30 "openbox" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"'
 
 case "$tray" in
     xembed)
@@ -76,12 +79,12 @@ case "$tray" in
         trayer --edge top --align right --widthtype request --height 24 --SetDockType true \
             --SetPartialStrut true --expand true --transparent false >"$scratch/tray.log" 2>&1 &
         pids+=($!)
-        wait_for 10 "the XEmbed tray" sh -c "xprop -root | grep -q _NET_SYSTEM_TRAY || xwininfo -root -tree | grep -qi trayer"
+        wait_for 30 "the XEmbed tray" sh -c "xprop -root | grep -q _NET_SYSTEM_TRAY || xwininfo -root -tree | grep -qi trayer"
         ;;
     sni)
         /usr/bin/python3 "$here/sni_host.py" --ready "$scratch/sni-ready" --log "$scratch/sni.log" &
         pids+=($!)
-        wait_for 10 "the StatusNotifier host" test -e "$scratch/sni-ready"
+        wait_for 30 "the StatusNotifier host" test -e "$scratch/sni-ready"
         export BONKWELL_SNI_LOG="$scratch/sni.log"
         ;;
     none) ;;
@@ -95,7 +98,7 @@ if [ "$sound" = 1 ]; then
         --load="module-null-sink sink_name=bonkwell_null" \
         --load="module-always-sink" >"$scratch/pulse.log" 2>&1 &
     pids+=($!)
-    wait_for 10 "PulseAudio" pactl info
+    wait_for 30 "PulseAudio" pactl info
     pactl set-default-sink bonkwell_null
     export BONKWELL_SINK_MONITOR=bonkwell_null.monitor
 fi

@@ -3,7 +3,8 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QDBusInterface>
+#include <QDBusMessage>
+#include <QDBusVariant>
 #include <QDateTime>
 #include <QGuiApplication>
 
@@ -59,8 +60,15 @@ bool TrayWaiter::statusNotifierHostReady() {
     if (!bus.interface()->isServiceRegistered(watcher)) {
         return false;
     }
-    QDBusInterface iface(watcher, QStringLiteral("/StatusNotifierWatcher"), watcher, bus);
-    return iface.isValid() && iface.property("IsStatusNotifierHostRegistered").toBool();
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        watcher, QStringLiteral("/StatusNotifierWatcher"),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get << watcher << QStringLiteral("IsStatusNotifierHostRegistered");
+    const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
+        return false;
+    }
+    return reply.arguments().first().value<QDBusVariant>().variant().toBool();
 }
 
 bool TrayWaiter::xembedTrayReady() {
