@@ -170,6 +170,21 @@ def run_chain(app, shots):
     print(f"sound at the null sink's monitor after the spike: peak {peak} of 32767")
 
 
+def sanitizer_reports(log):
+    """Errors from an ASan/UBSan build, and leaks whose stack passes through our code (the
+    sound server's and the D-Bus library's one-time allocations are theirs)."""
+    reports = [line for line in log if "ERROR: AddressSanitizer" in line or "runtime error:" in line]
+    block = []
+    for line in log + [""]:
+        if line.startswith(("Direct leak", "Indirect leak")) or not line.strip():
+            if block and any("bonkwell" in frame for frame in block):
+                reports.append("\n".join(block))
+            block = [line] if line.strip() else []
+        elif block:
+            block.append(line)
+    return reports
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
@@ -184,13 +199,18 @@ def main():
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     app = App(args.app, home, launcher=["umockdev-run", "-d", args.device, "--"])
     try:
-        run_chain(app, args.shots)
+        try:
+            run_chain(app, args.shots)
+        finally:
+            app.stop()
+        time.sleep(0.3)  # the last lines of stderr
+        reports = sanitizer_reports(app.log)
+        if reports:
+            raise Failure("the sanitizers reported:\n" + "\n\n".join(reports[:3]))
     except Failure as failure:
         print(f"FAILED: {failure}", file=sys.stderr)
         print("app log:\n" + "\n".join(app.log[-60:]), file=sys.stderr)
         return 1
-    finally:
-        app.stop()
     return 0
 
 
