@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui
+.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui bench-app
 
 all: build
 
@@ -31,7 +31,7 @@ test-asan:
 	ctest --preset asan -j $(JOBS)
 
 # Benchmarks print figures; they are not part of `make test`.
-bench: bench-slap-to-sound bench-accel bench-engine bench-ui
+bench: bench-slap-to-sound bench-accel bench-engine bench-ui bench-app
 
 # The engine client: line throughput, main-thread hop, endless line, launch and idle cost.
 bench-engine: deps
@@ -55,6 +55,11 @@ bench-ui: deps
 	cmake --preset default
 	cmake --build --preset default -j $(JOBS) --target ui_bench
 	./build/default/bench/ui_bench
+
+# The app itself in a throwaway X session: start to tray icon, RSS, idle CPU while listening
+# on an emulated 100 Hz accelerometer, panel closed and open (about 2 minutes).
+bench-app: deps
+	bench/app/run default
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

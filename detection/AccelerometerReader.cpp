@@ -40,6 +40,7 @@ struct AccelerometerReader::Shared {
     bool stopRequested = false;          // guarded by mutex
     bool finished = false;               // guarded by mutex
     std::atomic<bool> delivering{true};  // main thread: handler may still run
+    std::atomic<double> urgentAbove{0.0};
     std::thread thread;
 };
 
@@ -47,60 +48,91 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
                                          SampleHandler handler)
     : shared_(std::make_shared<Shared>()) {
     auto shared = shared_;
-    shared_->thread =
-        std::thread([shared, handler = std::move(handler), source = std::move(source)]() mutable {
-            const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
-            const auto period = std::chrono::duration<double>(1.0 / rate);
-            auto next = std::chrono::steady_clock::now();
-            std::vector<accel::Sample> samples;
-            while (true) {
-                samples.clear();
-                std::string error;
-                if (!source->read(samples, error)) {
-                    logLine(QStringLiteral("Bonkwell: reading the accelerometer failed (%1). "
-                                           "Accelerometer unavailable.")
-                                .arg(QString::fromStdString(error)));
-                    break;
-                }
-                {
-                    // Once stopped, post nothing more: the owner may be on its way out.
-                    std::lock_guard lock(shared->mutex);
-                    if (shared->stopRequested) {
-                        break;
+    shared_->thread = std::thread([shared, handler = std::move(handler),
+                                   source = std::move(source)]() mutable {
+        const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
+        const auto period = std::chrono::duration<double>(1.0 / rate);
+        auto next = std::chrono::steady_clock::now();
+        std::vector<accel::Sample> samples;
+        struct Counts {
+            std::int16_t x, y, z;
+        };
+        std::vector<Counts> pending;
+        auto lastPost = std::chrono::steady_clock::now();
+        // One task for everything pending, in order. `delivering` is cleared on the main
+        // thread by stop(), before the handler's owner can go away; tasks still queued
+        // then do nothing.
+        auto postPending = [&] {
+            MainQueue::post([shared, handler, batch = std::move(pending)] {
+                for (const Counts& c : batch) {
+                    if (!shared->delivering.load()) {
+                        return;
                     }
+                    handler(c.x, c.y, c.z);
                 }
-                for (const auto& sample : samples) {
-                    const auto x = toCounts(sample.g.x);
-                    const auto y = toCounts(sample.g.y);
-                    const auto z = toCounts(sample.g.z);
-                    // `delivering` is cleared on the main thread by stop(), before the
-                    // handler's owner can go away; tasks still queued then do nothing.
-                    MainQueue::post([shared, handler, x, y, z] {
-                        if (shared->delivering.load()) {
-                            handler(x, y, z);
-                        }
-                    });
-                }
-                next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
-                const auto now = std::chrono::steady_clock::now();
-                if (next < now) {
-                    next = now;  // a slow read: do not try to catch up
-                }
-                std::unique_lock lock(shared->mutex);
-                if (shared->wake.wait_until(lock, next, [&] { return shared->stopRequested; })) {
+            });
+            pending.clear();
+            lastPost = std::chrono::steady_clock::now();
+        };
+        while (true) {
+            samples.clear();
+            std::string error;
+            if (!source->read(samples, error)) {
+                logLine(QStringLiteral("Bonkwell: reading the accelerometer failed (%1). "
+                                       "Accelerometer unavailable.")
+                            .arg(QString::fromStdString(error)));
+                break;
+            }
+            {
+                // Once stopped, post nothing more: the owner may be on its way out.
+                std::lock_guard lock(shared->mutex);
+                if (shared->stopRequested) {
                     break;
                 }
             }
-            source->restore();
-            source.reset();
-            std::lock_guard lock(shared->mutex);
-            shared->finished = true;
-            shared->wake.notify_all();
-        });
+            const double urgentAbove = shared->urgentAbove.load();
+            bool urgent = false;
+            for (const auto& sample : samples) {
+                const Counts c{toCounts(sample.g.x), toCounts(sample.g.y), toCounts(sample.g.z)};
+                pending.push_back(c);
+                // The detector's own measure, on the same counts.
+                const double x = c.x / 1024.0;
+                const double y = c.y / 1024.0;
+                const double z = c.z / 1024.0;
+                const double magnitude = std::fabs(std::sqrt(x * x + y * y + z * z) - 1.0);
+                urgent = urgent || !(magnitude <= urgentAbove);
+            }
+            const auto now = std::chrono::steady_clock::now();
+            if (!pending.empty() &&
+                (urgent || now - lastPost >=
+                               std::chrono::duration<double>(kQuietBatchSeconds - 0.5 / rate))) {
+                postPending();
+            }
+            next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
+            if (next < now) {
+                next = now;  // a slow read: do not try to catch up
+            }
+            std::unique_lock lock(shared->mutex);
+            if (shared->wake.wait_until(lock, next, [&] { return shared->stopRequested; })) {
+                break;
+            }
+        }
+        source->restore();
+        source.reset();
+        std::lock_guard lock(shared->mutex);
+        shared->finished = true;
+        shared->wake.notify_all();
+    });
 }
 
 AccelerometerReader::~AccelerometerReader() {
     stop();
+}
+
+void AccelerometerReader::setUrgentAbove(double g) {
+    if (shared_) {
+        shared_->urgentAbove.store(std::isfinite(g) ? g : 0.0);
+    }
 }
 
 void AccelerometerReader::stop() {

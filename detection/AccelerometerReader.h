@@ -40,6 +40,13 @@ class AccelerometerReader {
     // left to finish on its own and delivers nothing more.
     void stop();
 
+    // Samples whose magnitude |‖(x, y, z)‖ − 1 g| is at or below `g` (so cannot be a slap at
+    // that threshold) may wait up to kQuietBatchSeconds and reach the main thread together,
+    // which spares it a wake-up per sample; a sample above it goes at once, after any that
+    // wait. 0, the default: every sample goes at once. Callable from any thread.
+    void setUrgentAbove(double g);
+    static constexpr double kQuietBatchSeconds = 0.05;
+
     // g → counts of 1/1024 g, rounded and clamped to the 16-bit range.
     static std::int16_t toCounts(double g);
 

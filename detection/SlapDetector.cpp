@@ -35,6 +35,8 @@ void SlapDetector::start() {
                 handleValue(kSensorUsagePage, kAccelYUsage, y);
                 handleValue(kSensorUsagePage, kAccelZUsage, z);
             });
+        // Samples that cannot be a slap may reach us a few at a time; the others at once.
+        reader_->setUrgentAbove(minAmplitude_);
     }
     sourceOpen_ = true;
     isListening_.set(true);
@@ -44,6 +46,13 @@ void SlapDetector::start() {
             "Bonkwell: This machine doesn't expose an accelerometer through IIO or the input "
             "subsystem. Detection won't fire automatically — use the Test / simulate path. The "
             "full UI is still functional."));
+    }
+}
+
+void SlapDetector::setMinAmplitude(double g) {
+    minAmplitude_ = g;
+    if (reader_) {
+        reader_->setUrgentAbove(g);
     }
 }
 

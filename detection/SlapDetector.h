@@ -46,7 +46,7 @@ class SlapDetector final : public SlapDetectorInterface {
     // No effect unless listening.
     void stop() override;
 
-    void setMinAmplitude(double g) override { minAmplitude_ = g; }
+    void setMinAmplitude(double g) override;
     void setCooldown(double seconds) override { cooldown_ = seconds; }
     void setOnMagnitudeSample(std::function<void(double)> handler) override {
         onMagnitudeSample_ = std::move(handler);

@@ -27,7 +27,9 @@ def run(*args, check=True, timeout=20):
 class App:
     """The app under test, started in its own XDG folders."""
 
-    def __init__(self, binary, home, extra_env=None):
+    def __init__(self, binary, home, extra_env=None, launcher=None):
+        """`launcher`: a command put in front of the app (for example umockdev-run … --); the
+        app's own process id is then read from `pid_file` in `home` (see `pid`)."""
         self.home = home
         self.config = os.path.join(home, "config")
         self.data = os.path.join(home, "data")
@@ -43,7 +45,15 @@ class App:
         env.update(extra_env or {})
         self.events = queue.Queue()
         self.log = []
-        self.proc = subprocess.Popen([binary], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+        self.pid_file = os.path.join(home, "app.pid")
+        command = [binary]
+        if launcher:
+            # The launcher may fork: a shell in between notes the app's process id, then
+            # becomes the app.
+            command = list(launcher) + ["/bin/sh", "-c", 'echo $$ > "$0"; exec "$@"',
+                                        self.pid_file, binary]
+        self.launched = bool(launcher)
+        self.proc = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                      stderr=subprocess.PIPE, text=True, env=env)
         self.started = time.monotonic()
         threading.Thread(target=self._read, daemon=True).start()
@@ -54,6 +64,23 @@ class App:
             self.log.append(line)
             if line.startswith("bonkwell-event: "):
                 self.events.put((time.monotonic(), line[len("bonkwell-event: "):]))
+
+    @property
+    def pid(self):
+        """The app's own process id (not the launcher's)."""
+        if not self.launched:
+            return self.proc.pid
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            try:
+                with open(self.pid_file) as f:
+                    text = f.read().strip()
+                if text:
+                    return int(text)
+            except FileNotFoundError:
+                pass
+            time.sleep(0.05)
+        raise Failure("the launcher never started the app")
 
     def wait_event(self, pattern, timeout=15):
         """Returns the regex match of the first event matching `pattern`."""
@@ -83,6 +110,12 @@ class App:
             raise Failure("the app did not exit")
 
     def stop(self):
+        if self.launched and self.proc.poll() is None and os.path.exists(self.pid_file):
+            # The launcher need not pass signals on: end the app itself first.
+            try:
+                os.kill(self.pid, 15)
+            except (ProcessLookupError, ValueError):
+                pass
         if self.proc.poll() is None:
             self.proc.terminate()
             try:

@@ -41,7 +41,7 @@ def icon_rect(app):
     """The XEmbed icon's rectangle on screen: the app's small window docked in the tray."""
     deadline = time.monotonic() + 10
     while time.monotonic() < deadline:
-        for wid in run("xdotool", "search", "--pid", str(app.proc.pid), check=False).split():
+        for wid in run("xdotool", "search", "--pid", str(app.pid), check=False).split():
             info = run("xwininfo", "-id", wid, check=False)
             if "IsViewable" not in info:
                 continue

@@ -180,6 +180,51 @@ TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
     EXPECT_EQ(detector.slapCount(), 1);
 }
 
+// Samples that cannot be a slap at the current threshold spare the main thread a wake-up
+// each: they arrive a few at a time. Samples above it arrive one by one, as read.
+TEST_F(AccelerometerReaderTest, QuietSamplesArriveInGroupsLoudOnesAtOnce) {
+    Testbed bed;
+    bed.addFile(kData + "iio-poll-i2c-like.umockdev");
+    int loud = 0;
+    detector.setOnMagnitudeSample([&](double m) {
+        ++samples;
+        loud += m > 0.05 ? 1 : 0;
+    });
+    detector.setMinAmplitude(0.05);
+    detector.start();
+    // Counts the main-loop turns that brought samples (and loud samples).
+    auto turnsWithSamples = [&](double seconds, int& turns, int& loudTurns) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        while (std::chrono::steady_clock::now() < end) {
+            const int before = samples;
+            const int loudBefore = loud;
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+            turns += samples > before ? 1 : 0;
+            loudTurns += loud > loudBefore ? 1 : 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    ASSERT_TRUE(spinUntil([&] { return samples >= 1; }, 3.0));
+    int turns = 0;
+    int loudTurns = 0;
+    const int quietBefore = samples;
+    turnsWithSamples(1.0, turns, loudTurns);
+    const int quiet = samples - quietBefore;
+    EXPECT_GT(quiet, 50);  // about 100 Hz
+    EXPECT_EQ(loud, 0);
+    EXPECT_LT(turns * 3, quiet) << turns << " deliveries for " << quiet << " samples";
+
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "700");
+    turns = 0;
+    turnsWithSamples(0.3, turns, loudTurns);
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "31");
+    spinFor(0.2);
+    EXPECT_GT(loud, 15);
+    // Grouped they would come about five to a turn.
+    EXPECT_GT(loudTurns * 2, loud) << loudTurns << " deliveries for " << loud << " loud samples";
+    EXPECT_EQ(slaps.size(), 1u);
+}
+
 TEST_F(AccelerometerReaderTest, NoSamplesAfterStop) {
     Testbed bed;
     bed.addFile(kData + "iio-poll-i2c-like.umockdev");

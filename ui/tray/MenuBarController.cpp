@@ -7,14 +7,17 @@
 #include "SettingsWindow.h"
 #include "Symbols.h"
 #include "TestEvents.h"
+#include "Widgets.h"
 
 #include <QApplication>
 #include <QCloseEvent>
 #include <QCursor>
 #include <QGuiApplication>
+#include <QLabel>
 #include <QPainter>
 #include <QPalette>
 #include <QScreen>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -58,6 +61,15 @@ void reportWidgets(const QString& where, const QWidget* top) {
     }
 }
 
+// For the desktop tests: the text a named label of the panel shows right now.
+void reportText(const QWidget* top, const QString& name) {
+    if (const auto* label = top->findChild<QLabel*>(name)) {
+        testEvent(QStringLiteral("panel text %1 %2").arg(name, label->text()));
+    } else if (const auto* elided = top->findChild<ElidedLabel*>(name)) {
+        testEvent(QStringLiteral("panel text %1 %2").arg(name, elided->text()));
+    }
+}
+
 }  // namespace
 
 MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& detector,
@@ -90,6 +102,18 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
         [] { QCoreApplication::quit(); });
     layout->addWidget(popover_);
     popup_->installEventFilter(this);
+
+    // For the desktop tests: what the open panel's "Today" counter shows, each time it changes.
+    if (testEventsEnabled()) {
+        todayEvents_ = state_.todayCount.subscribe([weak](const std::int64_t&) {
+            // Will-set: the label takes the new value during this call; read it afterwards.
+            QTimer::singleShot(0, weak, [weak] {
+                if (weak && weak->panelShown()) {
+                    reportText(weak->popup_.get(), QStringLiteral("todayCount"));
+                }
+            });
+        });
+    }
 
     connect(&menu_, &QMenu::aboutToShow, this, [this] {
         rebuildMenu();
@@ -190,6 +214,10 @@ void MenuBarController::togglePopover() {
     popover_->setFocus(Qt::PopupFocusReason);
     testEvent(QStringLiteral("panel shown at %1").arg(geometryText(popup_.get())));
     reportWidgets(QStringLiteral("panel"), popup_.get());
+    if (testEventsEnabled()) {
+        reportText(popup_.get(), QStringLiteral("engineStatusLabel"));
+        reportText(popup_.get(), QStringLiteral("todayCount"));
+    }
 }
 
 void MenuBarController::positionPanel() {

@@ -83,6 +83,7 @@ class MenuBarController : public QObject {
     TrayWaiter waiter_;
     qint64 popupHiddenAtMs_ = 0;
     int menusBuilt_ = 0;
+    Subscription todayEvents_;  // desktop tests only
 };
 
 }  // namespace bonkwell

@@ -1,0 +1,134 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""What the running app costs, measured like a user would see it: run inside
+tests/desktop/session.sh --tray xembed (bench/app/run does that).
+
+  app_bench.py --app BIN --device FIXTURE.umockdev [--runs N] [--seconds S]
+
+Prints: start to tray icon (first start with a new home, then later starts), RSS after
+start, CPU over S seconds idle while listening on an emulated 100 Hz accelerometer, and the
+same with the panel open.
+"""
+import argparse
+import os
+import statistics
+import sys
+import tempfile
+import time
+
+here = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(here, "..", "..", "tests", "desktop"))
+from desktop_driver import App, Failure, click_centre  # noqa: E402
+from e2e_tray import icon_rect  # noqa: E402
+
+def cpu_seconds(pid):
+    """CPU time of all the app's threads, from the scheduler's own nanosecond count (tick
+    sampling aliases with a 100 Hz poll)."""
+    total = 0
+    for tid in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{tid}/schedstat") as f:
+                total += int(f.read().split()[0])
+        except FileNotFoundError:
+            pass  # a thread that just ended
+    return total / 1e9
+
+
+def rss_mb(pid):
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1]) / 1024
+    raise Failure("no VmRSS")
+
+
+def wakeups(pid):
+    """Context switches of all the app's threads so far."""
+    total = 0
+    for tid in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{tid}/status") as f:
+            for line in f:
+                if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
+                    total += int(line.split()[1])
+    return total
+
+
+def idle_cpu(pid, seconds):
+    c0, w0, t0 = cpu_seconds(pid), wakeups(pid), time.monotonic()
+    time.sleep(seconds)
+    c1, w1, t1 = cpu_seconds(pid), wakeups(pid), time.monotonic()
+    return 100 * (c1 - c0) / (t1 - t0), (w1 - w0) / (t1 - t0)
+
+
+def start_once(binary, root, home=None, launcher=None):
+    home = home or tempfile.mkdtemp(prefix="home.", dir=root)
+    app = App(binary, home, launcher=launcher)
+    app.wait_event(r"tray icon shown \(XEmbed\)", 30)
+    return app, (time.monotonic() - app.started) * 1000, home
+
+
+def verdict(ok):
+    return "ok" if ok else "MISSED"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--device", required=True)
+    parser.add_argument("--runs", type=int, default=5)
+    parser.add_argument("--seconds", type=float, default=30)
+    args = parser.parse_args()
+    root = tempfile.mkdtemp(prefix="bonkwell-bench.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
+
+    # Start to tray icon, and RSS once started (2 s after the icon, the panel never opened).
+    times, sizes = [], []
+    home = None
+    for run in range(args.runs + 1):
+        app, ms, home = start_once(args.app, root, home)
+        time.sleep(2)
+        rss = rss_mb(app.pid)
+        app.stop()
+        if run == 0:
+            print(f"start to tray icon, first start (new home, packs copied): {ms:6.0f} ms, "
+                  f"RSS {rss:.1f} MB")
+        else:
+            times.append(ms)
+            sizes.append(rss)
+    median_ms = statistics.median(times)
+    print(f"start to tray icon, later starts: median {median_ms:.0f} ms "
+          f"(min {min(times):.0f}, max {max(times):.0f}; {len(times)} runs)   goal <= 150 ms: "
+          f"{verdict(median_ms <= 150)}")
+    print(f"RSS after start: median {statistics.median(sizes):.1f} MB "
+          f"(max {max(sizes):.1f})   goal <= 45 MB: {verdict(max(sizes) <= 45)}")
+
+    # Listening on an emulated 100 Hz accelerometer (the helper not installed: in-process).
+    app, ms, _ = start_once(args.app, root, launcher=["umockdev-run", "-d", args.device, "--"])
+    try:
+        if "Bonkwell: matched 1 accelerometer device(s)" not in app.log:
+            time.sleep(1)
+        if "Bonkwell: matched 1 accelerometer device(s)" not in app.log:
+            raise Failure("the app did not find the emulated accelerometer")
+        time.sleep(2)
+        pid = app.pid
+        print(f"listening on the emulated device: started in {ms:.0f} ms, "
+              f"RSS {rss_mb(pid):.1f} MB")
+        cpu, wake = idle_cpu(pid, args.seconds)
+        print(f"CPU idle, listening, panel closed: {cpu:.2f} % of a core, {wake:.0f} "
+              f"wakeups/s over {args.seconds:.0f} s   goal <= 0.5 %: {verdict(cpu <= 0.5)}")
+        click_centre(icon_rect(app), 1)
+        app.wait_event(r"panel shown at .*", 10)
+        time.sleep(1)
+        cpu, wake = idle_cpu(pid, args.seconds)
+        print(f"CPU idle, listening, panel open:   {cpu:.2f} % of a core, {wake:.0f} "
+              f"wakeups/s over {args.seconds:.0f} s   (RSS {rss_mb(pid):.1f} MB)")
+    finally:
+        app.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except Failure as failure:
+        print(f"FAILED: {failure}", file=sys.stderr)
+        sys.exit(1)
