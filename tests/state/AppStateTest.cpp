@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AppState.h"
 
-#include "ManualClock.h"
 #include "Doubles.h"
+#include "ManualClock.h"
 #include "TestSupport.h"
 
 #include <QTemporaryDir>
