@@ -50,13 +50,13 @@ double monotonicNow() {
 class Recorder {
   public:
     bool start(const std::string& monitor) {
-        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, kRate, 1};
+        pa_sample_spec format{PA_SAMPLE_FLOAT32LE, kRate, 1};
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<uint32_t>(-1);
         attr.fragsize = kChunkFrames * sizeof(float);
         int error = 0;
         stream_ = pa_simple_new(nullptr, "bonkwell-bench", PA_STREAM_RECORD, monitor.c_str(),
-                                "monitor", &spec, nullptr, &attr, &error);
+                                "monitor", &format, nullptr, &attr, &error);
         if (stream_ == nullptr) {
             std::fprintf(stderr, "slap-to-sound: cannot record %s: %s\n", monitor.c_str(),
                          pa_strerror(error));
