@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui
+.PHONY: all deps build run package test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui
 
 all: build
 
@@ -15,6 +15,14 @@ build: deps
 
 run: build
 	./build/default/bin/bonkwell
+
+# The Debian package, built in its own tree for /usr: build/package/bonkwell_<version>_<arch>.deb
+package: deps
+	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+		-DBONKWELL_BUILD_TESTS=OFF -DBONKWELL_WERROR=ON
+	cmake --build build/package -j $(JOBS)
+	cd build/package && cpack
+	@ls build/package/bonkwell_*.deb
 
 # Warnings are errors here: this is what CI runs.
 test: deps
