@@ -16,10 +16,14 @@ build: deps
 run: build
 	./build/default/bin/bonkwell
 
-# The Debian package, built in its own tree for /usr: build/package/bonkwell_<version>_<arch>.deb
+# The Debian package, built in its own tree for /usr with Debian's usual hardening:
+# build/package/bonkwell_<version>_<arch>.deb
 package: deps
 	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-		-DBONKWELL_BUILD_TESTS=OFF -DBONKWELL_WERROR=ON
+		-DBONKWELL_BUILD_TESTS=OFF -DBONKWELL_WERROR=ON \
+		"-DCMAKE_C_FLAGS=-D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
+		"-DCMAKE_CXX_FLAGS=-D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
+		"-DCMAKE_EXE_LINKER_FLAGS=-Wl,-z,relro,-z,now"
 	cmake --build build/package -j $(JOBS)
 	cd build/package && cpack
 	@ls build/package/bonkwell_*.deb

@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -56,8 +57,9 @@ TEST_F(SingleInstanceTest, FirstCopyIsPrimaryInAPrivateFolder) {
     QString error;
     EXPECT_EQ(first.claim(&error), Role::primary) << error.toStdString();
     EXPECT_TRUE(QFileInfo::exists(path()));
-    EXPECT_EQ(QFile::permissions(QFileInfo(path()).absolutePath()) & 0x0777,
-              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    struct stat folder {};
+    ASSERT_EQ(::stat(QFile::encodeName(QFileInfo(path()).absolutePath()).constData(), &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777, 0700u);
 }
 
 TEST_F(SingleInstanceTest, SecondStartAsksTheFirstToShowItselfAndIsSecondary) {
