@@ -20,7 +20,7 @@ run: build
 # build/package/bonkwell_<version>_<arch>.deb
 package: deps
 	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-		-DBONKWELL_BUILD_TESTS=OFF \
+		-DBONKWELL_BUILD_TESTS=OFF -DBONKWELL_WERROR=OFF \
 		"-DCMAKE_C_FLAGS=-D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
 		"-DCMAKE_CXX_FLAGS=-D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
 		"-DCMAKE_EXE_LINKER_FLAGS=-Wl,-z,relro,-z,now"

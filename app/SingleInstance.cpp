@@ -73,6 +73,11 @@ std::optional<InstanceGuard::Role> SingleInstance::claim(QString* error) {
         why = QStringLiteral("cannot create %1").arg(folder);
         return std::nullopt;
     }
+    // Whoever owns the folder could answer in our place and keep the app from starting.
+    if (QFileInfo(folder).ownerId() != ::getuid()) {
+        why = QStringLiteral("%1 belongs to another user").arg(folder);
+        return std::nullopt;
+    }
     // Two copies started together take turns: the lock makes "ask, else listen" one step.
     QLockFile lock(socketPath_ + QStringLiteral(".lock"));
     if (!lock.tryLock(replyTimeoutMs_ * 2)) {

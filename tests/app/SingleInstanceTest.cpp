@@ -163,6 +163,18 @@ TEST_F(SingleInstanceTest, FolderThatCannotBeMadeIsAnError) {
     EXPECT_EQ(error, QStringLiteral("cannot create %1").arg(QFileInfo(path()).absolutePath()));
 }
 
+TEST_F(SingleInstanceTest, FolderOfAnotherUserIsNotTrusted) {
+    ASSERT_EQ(::geteuid(), 0u) << "this test needs root to give the folder to another user";
+    const QString folder = QFileInfo(path()).absolutePath();
+    ASSERT_TRUE(QDir().mkpath(folder));
+    ASSERT_EQ(::chown(QFile::encodeName(folder).constData(), 65534, 65534), 0);
+    SingleInstance guard(path());
+    QString error;
+    EXPECT_EQ(guard.claim(&error), std::nullopt);
+    EXPECT_EQ(error, QStringLiteral("%1 belongs to another user").arg(folder));
+    EXPECT_FALSE(QFileInfo::exists(path()));
+}
+
 TEST(SingleInstanceDefaultPath, LivesInTheSessionRuntimeFolder) {
     const QByteArray saved = qgetenv("XDG_RUNTIME_DIR");
     qputenv("XDG_RUNTIME_DIR", "/run/user/4242");
