@@ -40,8 +40,18 @@ def start_again(args, app, label):
 
 
 def bonkwell_processes(binary):
-    out = run("pgrep", "-u", str(os.getuid()), "-f", "-x", binary, check=False)
-    return [int(p) for p in out.split()]
+    """The copies of the app in this session (other sessions may run tests beside us)."""
+    ours = os.environ["XDG_RUNTIME_DIR"].encode()
+    pids = []
+    for pid in run("pgrep", "-u", str(os.getuid()), "-f", "-x", binary, check=False).split():
+        try:
+            with open(f"/proc/{pid}/environ", "rb") as f:
+                env = f.read().split(b"\0")
+        except OSError:
+            continue  # ended meanwhile
+        if b"XDG_RUNTIME_DIR=" + ours in env:
+            pids.append(int(pid))
+    return pids
 
 
 def run_tray(args, app):
