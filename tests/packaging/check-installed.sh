@@ -8,7 +8,9 @@
 # Checks: the installed files; the setup program accepts the packaged helper as its trusted
 # source and makes a root:root 4755 per-user copy with the packaged content; /usr/bin/bonkwell
 # started as an ordinary user copies the packaged sound packs into the user's folder; a second
-# start exits 0 at once; `apt-get remove` leaves the user's files. Must run as root.
+# start exits 0 at once; with a fake IIO accelerometer (a tmpfs over /sys/bus in the namespace)
+# the per-user helper reports a spike and the app counts it; `apt-get remove` leaves the
+# user's files. Must run as root.
 set -euo pipefail
 
 build="$1"
@@ -16,7 +18,7 @@ version="$2"
 
 if [ -z "${BONKWELL_IN_PRIVATE_MOUNTS:-}" ]; then
     [ "$(id -u)" -eq 0 ] || { echo "check-installed: must run as root (it installs a package in a private mount namespace)" >&2; exit 1; }
-    for tool in cpack apt-get dpkg unshare setpriv mount cmp; do
+    for tool in cpack apt-get dpkg unshare setpriv mount cmp python3; do
         command -v "$tool" >/dev/null || { echo "check-installed: $tool is missing (run scripts/install-deps)" >&2; exit 1; }
     done
     export BONKWELL_IN_PRIVATE_MOUNTS=1
@@ -88,6 +90,40 @@ else
     fail "bonkwell-helper-setup refused the packaged helper: $(cat "$scratch/setup.err")"
 fi
 
+# A fake accelerometer seen only in this namespace: an IIO device polled through sysfs.
+mount -t tmpfs tmpfs /sys/bus
+iio=/sys/bus/iio/devices/iio:device0
+mkdir -p "$iio"
+echo accel_3d >"$iio/name"
+echo 0 >"$iio/in_accel_x_raw"; echo 0 >"$iio/in_accel_y_raw"; echo -1000 >"$iio/in_accel_z_raw"
+echo 0.00981 >"$iio/in_accel_scale"
+echo 100 >"$iio/in_accel_sampling_frequency"
+spike() {  # about 2 g sideways for 150 ms
+    for _ in 1 2 3 4 5; do echo 3000 >"$iio/in_accel_x_raw"; sleep 0.03; done
+    echo 0 >"$iio/in_accel_x_raw"
+}
+wait_for_line() {  # wait_for_line FILE PATTERN SECONDS
+    for ((i = 0; i < $3 * 10; i++)); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.1; done
+    return 1
+}
+
+# The per-user copy, run by the user the way the app runs it, reports one event per spike.
+setpriv --reuid "$user" --regid "$user" --clear-groups -- "$copy" --stdio --detect-only \
+    --min-amplitude 0.05 --cooldown 750 >"$scratch/helper.out" 2>"$scratch/helper.err" &
+helper_pid=$!
+if wait_for_line "$scratch/helper.out" "reading iio:device0" 10; then
+    spike
+    wait_for_line "$scratch/helper.out" slapNumber 5 || true
+    sleep 0.5
+    events="$(grep -c slapNumber "$scratch/helper.out" || true)"
+    [ "$events" -eq 1 ] || fail "the per-user helper printed $events events for one spike: $(cat "$scratch/helper.out")"
+    echo "the per-user helper reported the spike: $(grep slapNumber "$scratch/helper.out")"
+else
+    fail "the per-user helper did not open the fake device: $(cat "$scratch/helper.out" "$scratch/helper.err")"
+fi
+kill "$helper_pid" 2>/dev/null || true
+wait "$helper_pid" 2>/dev/null || true
+
 # The installed app, started as the user, fills the user's sound folder from /usr/share.
 # (setpriv itself, not a shell function, so that $! is the app's own pid)
 setpriv --reuid "$user" --regid "$user" --clear-groups -- "${user_env[@]}" /usr/bin/bonkwell \
@@ -111,8 +147,17 @@ if timeout 15 setpriv --reuid "$user" --regid "$user" --clear-groups -- "${user_
 else
     fail "the second start did not exit 0 within 15 s: $(tail -3 "$scratch/second.err")"
 fi
+# With the helper installed the app starts it; a spike is counted.
+wait_for_line "$scratch/app.err" "reading iio:device0" 10 ||
+    fail "the app did not start the per-user helper: $(tail -5 "$scratch/app.err")"
+spike
+sleep 1
 kill -TERM "$app_pid"
 wait "$app_pid" || fail "the installed app exited $? on SIGTERM"
+counted="$(python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))["totalCount"])' \
+    "$home/.config/Bonkwell/BonkwellState.v1" 2>&1)"
+[ "$counted" = 1 ] || fail "the app counted '$counted' slaps for one spike"
+echo "the installed app ran the per-user helper and counted the spike (totalCount $counted)"
 app_pid=""
 
 # Removing the package leaves every user file in place.
