@@ -18,7 +18,7 @@ version="$2"
 
 if [ -z "${BONKWELL_IN_PRIVATE_MOUNTS:-}" ]; then
     [ "$(id -u)" -eq 0 ] || { echo "check-installed: must run as root (it installs a package in a private mount namespace)" >&2; exit 1; }
-    for tool in cpack apt-get dpkg unshare setpriv mount cmp python3; do
+    for tool in cpack apt-get dpkg unshare setpriv mount cmp python3 pulseaudio pactl parec; do
         command -v "$tool" >/dev/null || { echo "check-installed: $tool is missing (run scripts/install-deps)" >&2; exit 1; }
     done
     export BONKWELL_IN_PRIVATE_MOUNTS=1
@@ -27,8 +27,12 @@ fi
 
 scratch="$(mktemp -d /tmp/bonkwell-installed.XXXXXX)"
 app_pid=""
+parec_pid=""
+pulse_pid=""
 cleanup() {
     [ -n "$app_pid" ] && kill -KILL "$app_pid" 2>/dev/null || true
+    [ -n "$parec_pid" ] && kill -KILL "$parec_pid" 2>/dev/null || true
+    [ -n "$pulse_pid" ] && kill -KILL "$pulse_pid" 2>/dev/null || true
     for d in etc var usr; do umount -l "/$d" 2>/dev/null || true; done
     umount -l "$scratch/layers" 2>/dev/null || true
     rm -rf "$scratch"
@@ -124,6 +128,22 @@ fi
 kill "$helper_pid" 2>/dev/null || true
 wait "$helper_pid" 2>/dev/null || true
 
+# The user's sound server, with a null sink whose monitor is recorded while the app runs.
+setpriv --reuid "$user" --regid "$user" --clear-groups -- "${user_env[@]}" \
+    pulseaudio --daemonize=no --exit-idle-time=-1 --disallow-exit -n \
+    --load=module-native-protocol-unix --load="module-null-sink sink_name=bonkwell_null" \
+    >"$scratch/pulse.log" 2>&1 &
+pulse_pid=$!
+for ((i = 0; i < 100; i++)); do
+    as_user "${user_env[@]}" pactl info >/dev/null 2>&1 && break
+    sleep 0.1
+done
+as_user "${user_env[@]}" pactl set-default-sink bonkwell_null || fail "no sound server: $(tail -5 "$scratch/pulse.log")"
+setpriv --reuid "$user" --regid "$user" --clear-groups -- "${user_env[@]}" \
+    parec -d bonkwell_null.monitor --raw --format=s16le --channels=1 --rate=48000 \
+    >"$scratch/sink.raw" 2>"$scratch/parec.err" &
+parec_pid=$!
+
 # The installed app, started as the user, fills the user's sound folder from /usr/share.
 # (setpriv itself, not a shell function, so that $! is the app's own pid)
 setpriv --reuid "$user" --regid "$user" --clear-groups -- "${user_env[@]}" /usr/bin/bonkwell \
@@ -150,14 +170,28 @@ fi
 # With the helper installed the app starts it; a spike is counted.
 wait_for_line "$scratch/app.err" "reading iio:device0" 10 ||
     fail "the app did not start the per-user helper: $(tail -5 "$scratch/app.err")"
+peak() {
+    python3 -c 'import sys, array; d = open(sys.argv[1], "rb").read(); a = array.array("h", d[:len(d) // 2 * 2]); print(max((abs(v) for v in a), default=0))' "$scratch/sink.raw"
+}
 spike
-sleep 1
+for ((i = 0; i < 50; i++)); do [ "$(peak)" -gt 1000 ] && break; sleep 0.2; done
+sleep 0.5
 kill -TERM "$app_pid"
 wait "$app_pid" || fail "the installed app exited $? on SIGTERM"
 counted="$(python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))["totalCount"])' \
     "$home/.config/Bonkwell/BonkwellState.v1" 2>&1)"
 [ "$counted" = 1 ] || fail "the app counted '$counted' slaps for one spike"
 echo "the installed app ran the per-user helper and counted the spike (totalCount $counted)"
+kill "$parec_pid" 2>/dev/null || true
+wait "$parec_pid" 2>/dev/null || true
+loudest="$(peak)"
+if [ "$loudest" -gt 1000 ]; then
+    echo "a sound reached the null sink (peak $loudest of 32767)"
+else
+    fail "nothing audible reached the null sink (peak $loudest of 32767, $(stat -c %s "$scratch/sink.raw") bytes recorded): $(cat "$scratch/parec.err")"
+fi
+kill "$pulse_pid" 2>/dev/null || true
+wait "$pulse_pid" 2>/dev/null || true
 app_pid=""
 
 # Removing the package leaves every user file in place.
