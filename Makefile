@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui bench-app
+.PHONY: all deps build run package test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui bench-app
 
 all: build
 
@@ -15,6 +15,18 @@ build: deps
 
 run: build
 	./build/default/bin/bonkwell
+
+# The Debian package, built in its own tree for /usr with Debian's usual hardening:
+# build/package/bonkwell_<version>_<arch>.deb
+package: deps
+	cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+		-DBONKWELL_BUILD_TESTS=OFF -DBONKWELL_WERROR=ON \
+		"-DCMAKE_C_FLAGS=-D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
+		"-DCMAKE_CXX_FLAGS=-D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
+		"-DCMAKE_EXE_LINKER_FLAGS=-Wl,-z,relro,-z,now"
+	cmake --build build/package -j $(JOBS)
+	cd build/package && cpack
+	@ls build/package/bonkwell_*.deb
 
 # Warnings are errors here: this is what CI runs.
 test: deps

@@ -4,7 +4,9 @@
 #include "AudioPlayer.h"
 #include "Clock.h"
 #include "LinuxDesktop.h"
+#include "Log.h"
 #include "MenuBarController.h"
+#include "SingleInstance.h"
 #include "SlapDetector.h"
 #include "SoundPackManager.h"
 #include "ThuzzEngine.h"
@@ -38,18 +40,35 @@ int main(int argc, char** argv) {
     // A tray app: closing Settings or Calibration must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
 
+    // A second start (autostart plus a click in the menu) opens the running copy's panel
+    // and ends here.
+    SingleInstance instance;
+    QString instanceError;
+    const auto role = instance.claim(&instanceError);
+    if (role == InstanceGuard::Role::secondary) {
+        return 0;
+    }
+    if (!role) {
+        logLine(QStringLiteral("Bonkwell: cannot tell whether Bonkwell already runs (%1); "
+                               "starting anyway")
+                    .arg(instanceError));
+    }
+
     LinuxDesktop desktop;
     AppDelegate::Parts parts{std::make_unique<AppState>(), std::make_unique<SlapDetector>(),
                              std::make_unique<AudioPlayer>(Clock::system()),
                              std::make_unique<SoundPackManager>(), std::make_unique<ThuzzEngine>()};
-    AppDelegate delegate(std::move(parts), [&desktop](AppDelegate& d) {
+    AppDelegate delegate(std::move(parts), [&desktop, &instance](AppDelegate& d) {
         auto menuBar = std::make_unique<MenuBarController>(d.state(), d.detector(), d.audio(),
                                                            d.packManager(), d.engine(), desktop);
+        instance.setShowRequestHandler([controller = menuBar.get()] { controller->showPanel(); });
         menuBar->start();
         return menuBar;
     });
-    QObject::connect(&app, &QCoreApplication::aboutToQuit, &app,
-                     [&delegate] { delegate.applicationWillTerminate(); });
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &app, [&delegate, &instance] {
+        instance.setShowRequestHandler({});
+        delegate.applicationWillTerminate();
+    });
 
     // SIGINT and SIGTERM end the app through the event loop, like "Quit Bonkwell". The
     // handler only writes to a pipe; no signal mask is changed, so children start clean.

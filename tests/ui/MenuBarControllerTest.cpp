@@ -229,3 +229,34 @@ TEST_F(MenuBarTest, WithoutAnyTrayThePanelBecomesTheBonkwellWindow) {
     menuBar->togglePopover();
     EXPECT_TRUE(window->isVisible());
 }
+
+TEST_F(MenuBarTest, ShowPanelOpensThePanelAndKeepsItOpen) {
+    ASSERT_FALSE(menuBar->panelShown());
+    menuBar->showPanel();
+    EXPECT_TRUE(menuBar->panelShown());
+    menuBar->showPanel();  // a second request while open: still open
+    EXPECT_TRUE(menuBar->panelShown());
+    menuBar->togglePopover();  // while the left click still toggles it closed
+    EXPECT_FALSE(menuBar->panelShown());
+}
+
+TEST_F(MenuBarTest, ShowPanelRightAfterTheClickThatClosedItStillOpens) {
+    menuBar->showPanel();
+    ASSERT_TRUE(menuBar->panelShown());
+    menuBar->panel()->close();  // as a click outside the panel does
+    ASSERT_FALSE(menuBar->panelShown());
+    menuBar->showPanel();
+    EXPECT_TRUE(menuBar->panelShown());
+}
+
+TEST_F(MenuBarTest, WithoutATrayShowPanelBringsBackTheMinimisedWindow) {
+    menuBar->start(0);  // offscreen: no tray host, so the panel becomes a window
+    ASSERT_TRUE(QTest::qWaitFor([&] { return menuBar->fallbackWindow() != nullptr; }, 3000));
+    QWidget* window = menuBar->fallbackWindow();
+    window->showMinimized();
+    ASSERT_TRUE(window->isMinimized());
+    menuBar->showPanel();
+    EXPECT_FALSE(window->isMinimized());
+    EXPECT_TRUE(window->isVisible());
+    delete window;  // closing it would quit the app
+}

@@ -220,6 +220,18 @@ void MenuBarController::togglePopover() {
     }
 }
 
+void MenuBarController::showPanel() {
+    if (fallbackWindow_ != nullptr) {
+        fallbackWindow_->setWindowState(fallbackWindow_->windowState() & ~Qt::WindowMinimized);
+    } else if (popup_->isVisible()) {
+        popup_->raise();
+        popup_->activateWindow();
+        return;
+    }
+    popupHiddenAtMs_ = 0;  // an explicit request, not the click that just closed the panel
+    togglePopover();
+}
+
 void MenuBarController::positionPanel() {
     const QSize size = popup_->size();
     const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();

@@ -39,6 +39,9 @@ class MenuBarController : public QObject {
 
     // Left click and "Open Bonkwell": shows the panel, or closes it when it is open.
     void togglePopover();
+    // Shows the panel (or the fallback window) and brings it to the front; never closes it.
+    // What a second start of the app asks of the running one.
+    void showPanel();
     void openSettings();
     void openCalibration();
     void quit();

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "SingleInstance.h"
+
+#include "Log.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QLocalSocket>
+#include <QLockFile>
+
+#include <unistd.h>
+
+namespace bonkwell {
+namespace {
+
+const QByteArray kShowRequest = QByteArrayLiteral("show\n");
+const QByteArray kShownReply = QByteArrayLiteral("shown\n");
+
+}  // namespace
+
+SingleInstance::SingleInstance(QString socketPath, int replyTimeoutMs)
+    : socketPath_(std::move(socketPath)), replyTimeoutMs_(replyTimeoutMs) {}
+
+SingleInstance::~SingleInstance() {
+    if (server_) {
+        server_->close();  // removes the socket file
+    }
+}
+
+QString SingleInstance::defaultSocketPath() {
+    QString base = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (base.isEmpty() || !QDir::isAbsolutePath(base)) {
+        base = QDir::tempPath() + QStringLiteral("/bonkwell-%1").arg(::getuid());
+        return base + QStringLiteral("/instance");
+    }
+    return base + QStringLiteral("/bonkwell/instance");
+}
+
+void SingleInstance::setShowRequestHandler(std::function<void()> handler) {
+    handler_ = std::move(handler);
+}
+
+SingleInstance::Ask SingleInstance::askRunningCopy(QString* error) {
+    QLocalSocket socket;
+    socket.connectToServer(socketPath_);
+    if (!socket.waitForConnected(replyTimeoutMs_)) {
+        const auto code = socket.error();
+        if (code == QLocalSocket::ServerNotFoundError ||
+            code == QLocalSocket::ConnectionRefusedError) {
+            return Ask::nobody;  // no socket, or one left behind by a copy that crashed
+        }
+        *error = socket.errorString();
+        return Ask::noAnswer;
+    }
+    socket.write(kShowRequest);
+    QByteArray reply;
+    while (!reply.endsWith('\n') && socket.waitForReadyRead(replyTimeoutMs_)) {
+        reply += socket.readAll();
+    }
+    if (reply != kShownReply) {
+        *error = QStringLiteral("the running copy did not answer");
+        return Ask::noAnswer;
+    }
+    return Ask::answered;
+}
+
+std::optional<InstanceGuard::Role> SingleInstance::claim(QString* error) {
+    QString ignored;
+    QString& why = error != nullptr ? *error : ignored;
+    const QString folder = QFileInfo(socketPath_).absolutePath();
+    if (!QDir().mkpath(folder) ||
+        !QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
+        why = QStringLiteral("cannot create %1").arg(folder);
+        return std::nullopt;
+    }
+    // Whoever owns the folder could answer in our place and keep the app from starting.
+    if (QFileInfo(folder).ownerId() != ::getuid()) {
+        why = QStringLiteral("%1 belongs to another user").arg(folder);
+        return std::nullopt;
+    }
+    // Two copies started together take turns: the lock makes "ask, else listen" one step.
+    QLockFile lock(socketPath_ + QStringLiteral(".lock"));
+    if (!lock.tryLock(replyTimeoutMs_ * 2)) {
+        why = QStringLiteral("another start holds %1.lock").arg(socketPath_);
+        return std::nullopt;
+    }
+    switch (askRunningCopy(&why)) {
+        case Ask::answered:
+            return Role::secondary;
+        case Ask::noAnswer:
+            return std::nullopt;
+        case Ask::nobody:
+            break;
+    }
+    QLocalServer::removeServer(socketPath_);
+    auto server = std::make_unique<QLocalServer>();
+    server->setSocketOptions(QLocalServer::UserAccessOption);
+    if (!server->listen(socketPath_)) {
+        why = QStringLiteral("cannot listen on %1: %2").arg(socketPath_, server->errorString());
+        return std::nullopt;
+    }
+    connect(server.get(), &QLocalServer::newConnection, this, [this] { onNewConnection(); });
+    server_ = std::move(server);
+    return Role::primary;
+}
+
+void SingleInstance::onNewConnection() {
+    while (QLocalSocket* socket = server_->nextPendingConnection()) {
+        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+        connect(socket, &QLocalSocket::readyRead, socket, [this, socket] {
+            if (!socket->canReadLine()) {
+                if (socket->bytesAvailable() > 64) {
+                    socket->abort();  // not one of ours
+                }
+                return;
+            }
+            const QByteArray line = socket->readLine();
+            if (line != kShowRequest) {
+                logLine(QStringLiteral("Bonkwell: ignored a request on the instance socket"));
+                socket->abort();
+                return;
+            }
+            if (handler_) {
+                handler_();
+            }
+            socket->write(kShownReply);
+            socket->flush();
+            socket->disconnectFromServer();
+        });
+    }
+}
+
+}  // namespace bonkwell

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QLocalServer>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace bonkwell {
+
+// One running copy per user session. The first copy claims a local socket; a later start
+// reaches it, asks it to show itself, and learns that it should exit.
+class InstanceGuard {
+  public:
+    enum class Role {
+        primary,    // no other copy runs: this one now answers later starts
+        secondary,  // another copy runs and has been asked to show its panel
+    };
+    virtual ~InstanceGuard() = default;
+    // Decides this process's role; nullopt (with `error` set) when neither can be decided.
+    virtual std::optional<Role> claim(QString* error) = 0;
+    // What the primary does when a later start asks it to show itself (on the main thread).
+    virtual void setShowRequestHandler(std::function<void()> handler) = 0;
+};
+
+// The guard over a per-user socket, by default $XDG_RUNTIME_DIR/bonkwell/instance.
+class SingleInstance : public QObject, public InstanceGuard {
+  public:
+    explicit SingleInstance(QString socketPath = defaultSocketPath(), int replyTimeoutMs = 3000);
+    ~SingleInstance() override;
+
+    std::optional<Role> claim(QString* error) override;
+    void setShowRequestHandler(std::function<void()> handler) override;
+
+    // $XDG_RUNTIME_DIR/bonkwell/instance, or a folder of this user's in the temp folder when
+    // the session has no runtime folder.
+    static QString defaultSocketPath();
+    QString socketPath() const { return socketPath_; }
+
+  private:
+    enum class Ask { answered, nobody, noAnswer };
+    Ask askRunningCopy(QString* error);
+    void onNewConnection();
+
+    QString socketPath_;
+    int replyTimeoutMs_;
+    std::unique_ptr<QLocalServer> server_;
+    std::function<void()> handler_;
+};
+
+}  // namespace bonkwell
