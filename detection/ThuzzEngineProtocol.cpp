@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "ThuzzEngineProtocol.h"
 
+#include "JsonNumbers.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -104,19 +106,13 @@ std::optional<ThuzzEvent> decodeThuzzEvent(const QByteArray& line) {
     const QJsonObject object = doc.object();
     const QJsonValue amplitude = object.value(QLatin1String("amplitude"));
     const QJsonValue slapNumber = object.value(QLatin1String("slapNumber"));
-    if (!amplitude.isDouble() || !slapNumber.isDouble()) {
-        return std::nullopt;
-    }
-    // toInteger() answers its default unless the number is integral and fits 64 bits; two
-    // different defaults tell "not integral" apart from a genuine 0 or 1.
-    const qint64 asIntegerA = slapNumber.toInteger(0);
-    const qint64 asIntegerB = slapNumber.toInteger(1);
-    if (asIntegerA != asIntegerB) {
+    const std::optional<std::int64_t> number = exactInteger(slapNumber);
+    if (!amplitude.isDouble() || !number) {
         return std::nullopt;
     }
     ThuzzEvent event;
     event.amplitude = amplitude.toDouble();
-    event.slapNumber = asIntegerA;
+    event.slapNumber = *number;
     const QJsonValue severity = object.value(QLatin1String("severity"));
     event.severity = severity.isString() ? severity.toString() : QString();
     return event;

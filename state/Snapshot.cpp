@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The stored form of AppState::Snapshot: one compact JSON object, eleven members.
 #include "AppState.h"
+#include "JsonNumbers.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -68,20 +69,8 @@ std::optional<double> readDouble(const QJsonObject& o, const char* key) {
     return v.toDouble();
 }
 
-// A whole number that fits a signed 64-bit integer, read exactly (not through a double).
 std::optional<std::int64_t> readInt64(const QJsonObject& o, const char* key) {
-    const QJsonValue v = o.value(QLatin1String(key));
-    if (!v.isDouble()) {
-        return std::nullopt;
-    }
-    // toInteger answers its default for anything that is not a whole qint64; two different
-    // defaults tell a stored value equal to one of them from a refusal.
-    const qint64 a = v.toInteger(0);
-    const qint64 b = v.toInteger(1);
-    if (a != b) {
-        return std::nullopt;
-    }
-    return a;
+    return exactInteger(o.value(QLatin1String(key)));
 }
 
 std::optional<QString> readString(const QJsonObject& o, const char* key) {
