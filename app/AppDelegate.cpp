@@ -40,9 +40,15 @@ void AppDelegate::applicationDidFinishLaunching() {
         }
     });
     engine_->setOnStatus([weak](const QString& status) {
-        if (weak) {
-            weak->state_->engineStatus.set(status);
+        if (!weak) {
+            return;
         }
+        // Once the helper reads the accelerometer (after an install from Settings, say), the
+        // in-process reader stands down: one slap is never counted twice.
+        if (status == ThuzzEngineInterface::runningStatus) {
+            weak->detector_->stop();
+        }
+        weak->state_->engineStatus.set(status);
     });
 
     if (makeMenuBar_) {

@@ -84,7 +84,7 @@ class ThuzzEngine : public ThuzzEngineInterface {
 
 // The status strings the engine reports.
 namespace ThuzzStatus {
-inline const QString running = QStringLiteral("Engine running");
+inline const QString running = ThuzzEngineInterface::runningStatus;
 inline const QString stopped = QStringLiteral("Engine stopped");
 inline const QString launchFailedPrefix = QStringLiteral("Failed to launch helper: ");
 inline const QString notInstalled = QStringLiteral(

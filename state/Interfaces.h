@@ -28,6 +28,9 @@ class SlapDetectorInterface {
 
 class ThuzzEngineInterface {
   public:
+    // The status reported once the helper has been launched and reads the accelerometer.
+    static inline const QString runningStatus = QStringLiteral("Engine running");
+
     virtual ~ThuzzEngineInterface() = default;
     virtual InstallState installState() const = 0;
     virtual void start() = 0;

@@ -134,6 +134,29 @@ TEST_F(AppDelegateTest, WithoutTheHelperTheDetectorRunsAndTheStatusSaysSo) {
     EXPECT_EQ(delegate->state().engineStatus.get(), "Engine stopped");
 }
 
+TEST_F(AppDelegateTest, TheDetectorStandsDownOnceTheHelperRuns) {
+    // Listening with the in-process reader, then the helper is installed from Settings and
+    // the engine reports that it runs: only the helper goes on reading.
+    make(InstallState::notInstalled, true);
+    delegate->applicationDidFinishLaunching();
+    journal.calls.clear();
+    engine->onStatus("Engine running");
+    EXPECT_EQ(journal.calls, QStringList{"detector.stop"});
+    EXPECT_EQ(delegate->state().engineStatus.get(), "Engine running");
+}
+
+TEST_F(AppDelegateTest, OtherEngineStatusesLeaveTheDetectorAlone) {
+    make(InstallState::notInstalled, true);
+    delegate->applicationDidFinishLaunching();
+    journal.calls.clear();
+    for (const char* status : {"Engine stopped", "Engine exited (1)", "Idle",
+                               "Failed to launch helper: No such file or directory"}) {
+        engine->onStatus(status);
+        EXPECT_EQ(delegate->state().engineStatus.get(), status);
+    }
+    EXPECT_TRUE(journal.calls.isEmpty()) << journal.calls.join(", ").toStdString();
+}
+
 TEST_F(AppDelegateTest, LaterListeningChangesDoNotRewriteTheStatus) {
     make(InstallState::notInstalled, true);
     delegate->applicationDidFinishLaunching();
