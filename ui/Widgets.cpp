@@ -22,6 +22,7 @@ ElidedLabel::ElidedLabel(QWidget* parent) : QWidget(parent) {
 void ElidedLabel::setText(const QString& text) {
     text_ = text;
     setToolTip(text);
+    setAccessibleName(text);  // the whole text, for screen readers
     updateGeometry();
     update();
 }

@@ -3,6 +3,8 @@
 
 #include <QString>
 
+class QObject;
+
 namespace bonkwell {
 
 // Machine-readable lines for the desktop tests ("panel shown at x,y w×h", "menu shown",
@@ -10,5 +12,12 @@ namespace bonkwell {
 // environment variable BONKWELL_TEST_EVENTS is set; otherwise nothing.
 void testEvent(const QString& what);
 bool testEventsEnabled();
+
+// With test events on: watches the app's visible windows and reports, each time it changes,
+// the text of every named label and button (or the accessible name of a hand-drawn one) ("text
+// WINDOW/NAME TEXT") and where every named button is on screen ("widget WINDOW/NAME at x,y wxh"),
+// WINDOW being the top-level widget's object name. Lets a desktop test read and press what a person
+// would. Does nothing when test events are off. The watch ends with `owner`.
+void watchWindowsForTests(QObject* owner);
 
 }  // namespace bonkwell

@@ -103,6 +103,7 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
     layout->addWidget(popover_);
     popup_->installEventFilter(this);
 
+    watchWindowsForTests(this);
     // For the desktop tests: what the open panel's "Today" counter shows, each time it changes.
     if (testEventsEnabled()) {
         todayEvents_ = state_.todayCount.subscribe([weak](const std::int64_t&) {
