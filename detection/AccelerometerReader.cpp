@@ -4,11 +4,15 @@
 #include "Log.h"
 #include "MainQueue.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <ctime>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -34,13 +38,37 @@ std::int16_t AccelerometerReader::toCounts(double g) {
     return static_cast<std::int16_t>(std::clamp(counts, -32768.0, 32767.0));
 }
 
+namespace {
+
+std::int64_t monotonicNs() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<std::int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+}
+
+// Sleeps until the monotonic time `ns` (one system call, no lock: the cheapest wake-up there
+// is, which matters at 100 per second).
+void sleepUntil(std::int64_t ns) {
+    timespec at{};
+    at.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+    at.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+    }
+}
+
+// The longest single sleep: a stop request is noticed within this time at any rate.
+constexpr std::int64_t kLongestSleepNs = 50'000'000;
+
+}  // namespace
+
 struct AccelerometerReader::Shared {
     std::mutex mutex;
-    std::condition_variable wake;
-    bool stopRequested = false;          // guarded by mutex
-    bool finished = false;               // guarded by mutex
+    std::condition_variable finishedChanged;
+    bool finished = false;  // guarded by mutex
+    std::atomic<bool> stopRequested{false};
     std::atomic<bool> delivering{true};  // main thread: handler may still run
     std::atomic<double> urgentAbove{0.0};
+    std::atomic<double> quietBatchSeconds{kQuietBatchSeconds};
     std::thread thread;
 };
 
@@ -50,19 +78,20 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
     auto shared = shared_;
     shared_->thread = std::thread([shared, handler = std::move(handler),
                                    source = std::move(source)]() mutable {
+        pthread_setname_np(pthread_self(), "accel-reader");
         const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
-        const auto period = std::chrono::duration<double>(1.0 / rate);
-        auto next = std::chrono::steady_clock::now();
+        const auto periodNs = static_cast<std::int64_t>(1e9 / rate);
+        std::int64_t next = monotonicNs();
         std::vector<accel::Sample> samples;
         struct Counts {
             std::int16_t x, y, z;
         };
         std::vector<Counts> pending;
-        auto lastPost = std::chrono::steady_clock::now();
+        std::int64_t lastPost = monotonicNs();
         // One task for everything pending, in order. `delivering` is cleared on the main
         // thread by stop(), before the handler's owner can go away; tasks still queued
         // then do nothing.
-        auto postPending = [&] {
+        auto postPending = [&](std::int64_t now) {
             MainQueue::post([shared, handler, batch = std::move(pending)] {
                 for (const Counts& c : batch) {
                     if (!shared->delivering.load()) {
@@ -72,9 +101,9 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
                 }
             });
             pending.clear();
-            lastPost = std::chrono::steady_clock::now();
+            lastPost = now;
         };
-        while (true) {
+        while (!shared->stopRequested.load()) {
             samples.clear();
             std::string error;
             if (!source->read(samples, error)) {
@@ -83,12 +112,9 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
                             .arg(QString::fromStdString(error)));
                 break;
             }
-            {
-                // Once stopped, post nothing more: the owner may be on its way out.
-                std::lock_guard lock(shared->mutex);
-                if (shared->stopRequested) {
-                    break;
-                }
+            // Once stopped, post nothing more: the owner may be on its way out.
+            if (shared->stopRequested.load()) {
+                break;
             }
             const double urgentAbove = shared->urgentAbove.load();
             bool urgent = false;
@@ -102,26 +128,27 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
                 const double magnitude = std::fabs(std::sqrt(x * x + y * y + z * z) - 1.0);
                 urgent = urgent || !(magnitude <= urgentAbove);
             }
-            const auto now = std::chrono::steady_clock::now();
-            if (!pending.empty() &&
-                (urgent || now - lastPost >=
-                               std::chrono::duration<double>(kQuietBatchSeconds - 0.5 / rate))) {
-                postPending();
+            const std::int64_t now = monotonicNs();
+            const auto batchNs =
+                static_cast<std::int64_t>(shared->quietBatchSeconds.load() * 1e9 - 0.5 * periodNs);
+            if (!pending.empty() && (urgent || now - lastPost >= batchNs)) {
+                postPending(now);
             }
-            next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
+            next += periodNs;
             if (next < now) {
                 next = now;  // a slow read: do not try to catch up
             }
-            std::unique_lock lock(shared->mutex);
-            if (shared->wake.wait_until(lock, next, [&] { return shared->stopRequested; })) {
-                break;
+            // Long periods are slept in slices, so that stop() is heard in time.
+            for (std::int64_t at = now; at < next && !shared->stopRequested.load();) {
+                at = std::min(next, at + kLongestSleepNs);
+                sleepUntil(at);
             }
         }
         source->restore();
         source.reset();
         std::lock_guard lock(shared->mutex);
         shared->finished = true;
-        shared->wake.notify_all();
+        shared->finishedChanged.notify_all();
     });
 }
 
@@ -135,18 +162,24 @@ void AccelerometerReader::setUrgentAbove(double g) {
     }
 }
 
+void AccelerometerReader::setQuietBatchSeconds(double seconds) {
+    if (shared_ && std::isfinite(seconds)) {
+        shared_->quietBatchSeconds.store(std::clamp(seconds, 0.0, 1.0));
+    }
+}
+
 void AccelerometerReader::stop() {
     if (!shared_ || !shared_->thread.joinable()) {
         return;
     }
     shared_->delivering.store(false);
+    shared_->stopRequested.store(true);
     bool finished = false;
     {
+        // The reader notices within one period (at most 50 ms) unless stuck in a read.
         std::unique_lock lock(shared_->mutex);
-        shared_->stopRequested = true;
-        shared_->wake.notify_all();
-        finished = shared_->wake.wait_for(lock, std::chrono::milliseconds(250),
-                                          [this] { return shared_->finished; });
+        finished = shared_->finishedChanged.wait_for(lock, std::chrono::milliseconds(250),
+                                                     [this] { return shared_->finished; });
     }
     if (finished) {
         shared_->thread.join();

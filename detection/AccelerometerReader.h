@@ -41,11 +41,15 @@ class AccelerometerReader {
     void stop();
 
     // Samples whose magnitude |‖(x, y, z)‖ − 1 g| is at or below `g` (so cannot be a slap at
-    // that threshold) may wait up to kQuietBatchSeconds and reach the main thread together,
-    // which spares it a wake-up per sample; a sample above it goes at once, after any that
-    // wait. 0, the default: every sample goes at once. Callable from any thread.
+    // that threshold) may wait up to the quiet-batch time (kQuietBatchSeconds unless set) and
+    // reach the main thread together, which spares it a wake-up per sample; a sample above it
+    // goes at once, after any that wait. 0, the default: every sample goes at once. Callable
+    // from any thread.
     void setUrgentAbove(double g);
     static constexpr double kQuietBatchSeconds = 0.05;
+    // How long quiet samples may wait, 0 to 1 s: short while someone watches them live, up to
+    // a second when nobody does. Callable from any thread.
+    void setQuietBatchSeconds(double seconds);
 
     // g → counts of 1/1024 g, rounded and clamped to the 16-bit range.
     static std::int16_t toCounts(double g);

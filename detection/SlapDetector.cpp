@@ -37,6 +37,8 @@ void SlapDetector::start() {
             });
         // Samples that cannot be a slap may reach us a few at a time; the others at once.
         reader_->setUrgentAbove(minAmplitude_);
+        reader_->setQuietBatchSeconds(liveViewers_ > 0 ? kWatchedBatchSeconds
+                                                       : kUnwatchedBatchSeconds);
     }
     sourceOpen_ = true;
     isListening_.set(true);
@@ -53,6 +55,21 @@ void SlapDetector::setMinAmplitude(double g) {
     minAmplitude_ = g;
     if (reader_) {
         reader_->setUrgentAbove(g);
+    }
+}
+
+void SlapDetector::addLiveViewer() {
+    if (++liveViewers_ == 1 && reader_) {
+        reader_->setQuietBatchSeconds(kWatchedBatchSeconds);
+    }
+}
+
+void SlapDetector::removeLiveViewer() {
+    if (liveViewers_ == 0) {
+        fatal(QStringLiteral("SlapDetector::removeLiveViewer without a viewer"));
+    }
+    if (--liveViewers_ == 0 && reader_) {
+        reader_->setQuietBatchSeconds(kUnwatchedBatchSeconds);
     }
 }
 

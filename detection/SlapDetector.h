@@ -52,6 +52,12 @@ class SlapDetector final : public SlapDetectorInterface {
         onMagnitudeSample_ = std::move(handler);
     }
     void setOnSlap(std::function<void(double)> handler) override { onSlap_ = std::move(handler); }
+    void addLiveViewer() override;
+    void removeLiveViewer() override;
+    int liveViewers() const { return liveViewers_; }
+    // How long magnitudes that cannot be a slap may wait, with and without a live viewer.
+    static constexpr double kWatchedBatchSeconds = 0.05;
+    static constexpr double kUnwatchedBatchSeconds = 1.0;
     double minAmplitude() const { return minAmplitude_; }
     double cooldown() const { return cooldown_; }
 
@@ -79,7 +85,8 @@ class SlapDetector final : public SlapDetectorInterface {
     const Clock& clock_;
     SourceOpener opener_;
     std::unique_ptr<AccelerometerReader> reader_;
-    bool sourceOpen_ = false;  // the "manager": set by start(), cleared by stop()
+    bool sourceOpen_ = false;
+    int liveViewers_ = 0;  // the "manager": set by start(), cleared by stop()
     double lastX_ = 0;
     double lastY_ = 0;
     double lastZ_ = 0;

@@ -24,6 +24,12 @@ class SlapDetectorInterface {
     virtual void setOnSlap(std::function<void(double)> handler) = 0;
     virtual void start() = 0;
     virtual void stop() = 0;
+    // A view that shows every magnitude as it comes (a live graph) opens or closes; each
+    // add is matched by one remove. While none is open, magnitudes that cannot be a slap may
+    // reach the sample handler up to a second late, in batches, which spares the main thread
+    // its wake-ups; slaps are never delayed.
+    virtual void addLiveViewer() = 0;
+    virtual void removeLiveViewer() = 0;
 };
 
 class ThuzzEngineInterface {

@@ -41,6 +41,8 @@ struct NullDetector final : SlapDetectorInterface {
     void setOnSlap(std::function<void(double)>) override {}
     void start() override {}
     void stop() override {}
+    void addLiveViewer() override {}
+    void removeLiveViewer() override {}
     std::function<void(double)> sample;
 };
 struct NullEngine final : ThuzzEngineInterface {

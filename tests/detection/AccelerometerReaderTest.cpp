@@ -165,8 +165,8 @@ TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
     Testbed bed;
     bed.addFile(kData + "iio-poll-i2c-like.umockdev");
     detector.start();
-    spinFor(0.6);
-    EXPECT_GT(samples, 20);  // about 100 Hz
+    spinFor(1.3);            // unwatched, quiet samples come once a second
+    EXPECT_GT(samples, 60);  // about 100 Hz
     EXPECT_TRUE(slaps.empty());
     EXPECT_LT(lastMagnitude, 0.01);
 
@@ -191,6 +191,7 @@ TEST_F(AccelerometerReaderTest, QuietSamplesArriveInGroupsLoudOnesAtOnce) {
         loud += m > 0.05 ? 1 : 0;
     });
     detector.setMinAmplitude(0.05);
+    detector.addLiveViewer();  // a live graph is open: quiet samples come within 50 ms
     detector.start();
     // Counts the main-loop turns that brought samples (and loud samples).
     auto turnsWithSamples = [&](double seconds, int& turns, int& loudTurns) {
@@ -223,6 +224,60 @@ TEST_F(AccelerometerReaderTest, QuietSamplesArriveInGroupsLoudOnesAtOnce) {
     // Grouped they would come about five to a turn.
     EXPECT_GT(loudTurns * 2, loud) << loudTurns << " deliveries for " << loud << " loud samples";
     EXPECT_EQ(slaps.size(), 1u);
+    detector.removeLiveViewer();
+}
+
+TEST_F(AccelerometerReaderTest, UnwatchedQuietSamplesComeOnceASecondAndSlapsAtOnce) {
+    Testbed bed;
+    bed.addFile(kData + "iio-poll-i2c-like.umockdev");
+    // Each main-loop turn that brings samples, with the time it did.
+    std::vector<double> deliveries;
+    const auto began = std::chrono::steady_clock::now();
+    auto secondsSince = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    };
+    int turnSamples = 0;
+    detector.setOnMagnitudeSample([&](double) {
+        ++samples;
+        ++turnSamples;
+    });
+    detector.setMinAmplitude(0.05);
+    detector.start();
+    auto spinNoting = [&](double seconds) {
+        const double end = secondsSince() + seconds;
+        while (secondsSince() < end) {
+            turnSamples = 0;
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+            if (turnSamples > 0) {
+                deliveries.push_back(secondsSince());
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    };
+    spinNoting(3.2);
+    EXPECT_GT(samples, 200);  // every sample still arrives, about 100 a second
+    ASSERT_GE(deliveries.size(), 2u);
+    EXPECT_LE(deliveries.size(), 4u) << deliveries.size() << " deliveries in 3.2 s";
+    for (std::size_t i = 1; i < deliveries.size(); ++i) {
+        EXPECT_GT(deliveries[i] - deliveries[i - 1], 0.8);
+    }
+
+    // A slap does not wait for the batch.
+    const double spikeAt = secondsSince();
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "700");
+    ASSERT_TRUE(spinUntil([&] { return !slaps.empty(); }, 0.5));
+    EXPECT_LT(secondsSince() - spikeAt, 0.3);
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "31");
+
+    // Opening a live view brings quiet samples within 50 ms again.
+    spinFor(1.2);
+    detector.addLiveViewer();
+    spinFor(0.2);  // the batch that was waiting
+    deliveries.clear();
+    spinNoting(1.0);
+    EXPECT_GE(deliveries.size(), 10u) << deliveries.size() << " deliveries in 1 s, watched";
+    detector.removeLiveViewer();
+    EXPECT_EQ(detector.liveViewers(), 0);
 }
 
 TEST_F(AccelerometerReaderTest, NoSamplesAfterStop) {
@@ -304,6 +359,37 @@ TEST(AccelerometerReaderThreadTest, ReadsOffTheMainThreadAndDeliversInOrder) {
     for (std::size_t i = 0; i < xs.size(); ++i) {
         EXPECT_EQ(xs[i], static_cast<int>(i));
     }
+}
+
+namespace {
+
+// A device that reports once a second.
+class SlowSource final : public accel::SampleSource {
+  public:
+    SlowSource() : SampleSource(accel::SourceKind::iioPoll, "slow", 1.0) {}
+    int waitFd() const override { return -1; }
+    bool read(std::vector<accel::Sample>& out, std::string&) override {
+        out.push_back(accel::Sample{accel::Vec3{0, 0, 1.0}, 0});
+        return true;
+    }
+};
+
+}  // namespace
+
+TEST(AccelerometerReaderThreadTest, StopIsQuickEvenBetweenSlowSamples) {
+    int delivered = 0;
+    AccelerometerReader reader(std::make_unique<SlowSource>(),
+                               [&](std::int16_t, std::int16_t, std::int16_t) { ++delivered; });
+    ASSERT_TRUE(spinUntil([&] { return delivered >= 1; }, 3.0));
+    spinFor(0.3);  // well inside the second until the next sample
+    const auto began = std::chrono::steady_clock::now();
+    reader.stop();
+    const double took =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    EXPECT_LT(took, 0.2);  // the reader hears it within 50 ms, not at the next sample
+    const int before = delivered;
+    spinFor(1.2);
+    EXPECT_EQ(delivered, before);
 }
 
 TEST(AccelerometerReaderThreadTest, ConvertsToClampedCounts) {

@@ -63,6 +63,9 @@ class RecordingDetector final : public SlapDetectorInterface {
     }
     void start() override { journal_.calls.append(QStringLiteral("detector.start")); }
     void stop() override { journal_.calls.append(QStringLiteral("detector.stop")); }
+    void addLiveViewer() override { ++liveViewers; }
+    void removeLiveViewer() override { --liveViewers; }
+    int liveViewers = 0;
 
     double minAmplitude = 0;
     double cooldown = 0;

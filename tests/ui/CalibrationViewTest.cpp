@@ -231,6 +231,22 @@ TEST(CalibrationWindowTest, ClosingDropsTheWindowAndTheNextShowBuildsAFreshOne) 
     EXPECT_EQ(windowsTitled(QStringLiteral("Bonkwell Calibration")), 1);
 }
 
+TEST(CalibrationWindowTest, TheOpenWindowWatchesLiveSamples) {
+    test::ViewFixture f;
+    {
+        CalibrationWindowController controller(*f.state, f.detector, f.clock);
+        EXPECT_EQ(f.detector.liveViewers, 0);
+        controller.show();
+        controller.show();
+        EXPECT_EQ(f.detector.liveViewers, 1);  // one window, one viewer
+        ASSERT_TRUE(controller.window()->close());
+        EXPECT_EQ(f.detector.liveViewers, 0);
+        controller.show();
+        EXPECT_EQ(f.detector.liveViewers, 1);
+    }
+    EXPECT_EQ(f.detector.liveViewers, 0);  // gone with the controller
+}
+
 TEST(CalibrationWindowTest, TheControllerTakesItsOpenWindowWithIt) {
     test::ViewFixture f;
     QPointer<QWidget> window;

@@ -131,6 +131,19 @@ TEST_F(SettingsWindowTest, ReopeningAfterCloseStartsAfreshWithTheTaskbarSwitchOf
     EXPECT_EQ(controller->window()->size(), QSize(520, 420));
 }
 
+TEST_F(SettingsWindowTest, TheOpenWindowWatchesLiveSamplesForItsDiagnosticsGraph) {
+    EXPECT_EQ(f.detector.liveViewers, 0);
+    open();
+    open();
+    EXPECT_EQ(f.detector.liveViewers, 1);
+    ASSERT_TRUE(controller->window()->close());
+    EXPECT_EQ(f.detector.liveViewers, 0);
+    open();
+    EXPECT_EQ(f.detector.liveViewers, 1);
+    controller.reset();
+    EXPECT_EQ(f.detector.liveViewers, 0);
+}
+
 // ---- General tab ----
 
 TEST_F(SettingsWindowTest, LaunchAtLoginRefusedKeepsTheSwitchOnStoresTrueAndLogsOneLine) {

@@ -94,7 +94,8 @@ void reportChanges(Reported& reported) {
 }  // namespace
 
 void watchWindowsForTests(QObject* owner) {
-    if (!testEventsEnabled()) {
+    // "lean": the events without the watch's wake-ups, for benchmarks.
+    if (!testEventsEnabled() || qEnvironmentVariable("BONKWELL_TEST_EVENTS") == "lean") {
         return;
     }
     auto* timer = new QTimer(owner);
