@@ -9,6 +9,7 @@ import os
 import queue
 import re
 import subprocess
+import sys
 import threading
 import time
 
@@ -122,6 +123,20 @@ class App:
                 self.proc.wait(timeout=10)
             except subprocess.TimeoutExpired:
                 self.proc.kill()
+
+
+def drive(app, steps, *args):
+    """Runs `steps(*args)` against `app`; on a failure prints it with the app's last lines.
+    Stops the app in every case. Returns the exit code for the test."""
+    try:
+        steps(*args)
+    except Failure as failure:
+        print(f"FAILED: {failure}", file=sys.stderr)
+        print("app log:\n" + "\n".join(app.log[-60:]), file=sys.stderr)
+        return 1
+    finally:
+        app.stop()
+    return 0
 
 
 def geometry(text):

@@ -17,8 +17,9 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop_driver import (App, Failure, StatusNotifierItem, click_centre, geometry,  # noqa: E402
-                            keys, screenshot, wait_window, find_windows, run, window_property)
+from desktop_driver import (App, Failure, StatusNotifierItem, click_centre, drive,  # noqa: E402
+                            geometry, keys, screenshot, wait_window, find_windows, run,
+                            window_property)
 
 
 def panel_widgets(app, pattern_timeout=10):
@@ -153,15 +154,7 @@ def main():
     args = parser.parse_args()
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     app = App(args.app, home)
-    try:
-        (run_no_tray if args.tray == "none" else run_tray)(args, app)
-    except Failure as failure:
-        print(f"FAILED: {failure}", file=sys.stderr)
-        print("app log:\n" + "\n".join(app.log[-60:]), file=sys.stderr)
-        return 1
-    finally:
-        app.stop()
-    return 0
+    return drive(app, run_no_tray if args.tray == "none" else run_tray, args, app)
 
 
 if __name__ == "__main__":

@@ -27,8 +27,8 @@ import time
 
 here = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(here, "..", "desktop"))
-from desktop_driver import (App, Failure, click_centre, geometry, keys, run,  # noqa: E402
-                            screenshot, wait_window)
+from desktop_driver import (App, Failure, click_centre, drive, geometry, keys,  # noqa: E402
+                            run, screenshot, wait_window)
 from e2e_chain import AUDIBLE, Recorder, no_event, write_in_place  # noqa: E402
 from e2e_tray import icon_rect  # noqa: E402
 
@@ -242,15 +242,7 @@ def main():
     parser.add_argument("--shots", required=True)
     args = parser.parse_args()
     app = App(APP, args.home)
-    try:
-        run_installed(args, app)
-    except Failure as failure:
-        print(f"FAILED: {failure}", file=sys.stderr)
-        print("app log:\n" + "\n".join(app.log[-60:]), file=sys.stderr)
-        return 1
-    finally:
-        app.stop()
-    return 0
+    return drive(app, run_installed, args, app)
 
 
 if __name__ == "__main__":
