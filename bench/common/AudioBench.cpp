@@ -120,19 +120,20 @@ Figures summarize(std::span<const Trial> trials) {
     return figures;
 }
 
-std::vector<Trial> runTrials(Recorder& recorder, int count, int minPauseMs, int maxPauseMs,
+std::vector<Trial> runTrials(const std::function<std::vector<double>()>& takeOnsets, int count,
+                             int minPauseMs, int maxPauseMs,
                              const std::function<double()>& trigger) {
     constexpr double kEarly = 0.005;  // an onset dated this much before its trigger is its own
     std::mt19937 random(std::random_device{}());
     std::uniform_int_distribution<int> pause(minPauseMs, maxPauseMs);
     std::vector<Trial> trials;
-    recorder.takeOnsets();
+    takeOnsets();
     for (int i = 0; i < count; ++i) {
         trials.push_back(Trial{trigger(), std::nullopt, 0});
         std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const std::vector<double> onsets = recorder.takeOnsets();
+    const std::vector<double> onsets = takeOnsets();
     for (std::size_t i = 0; i < trials.size(); ++i) {
         Trial& trial = trials[i];
         const double from = trial.triggeredAt - kEarly;
@@ -173,7 +174,8 @@ std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& c
     // Warm up: the first sound after opening is not what this loop measures.
     Mix_PlayChannel(-1, chunk, 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(800));
-    const std::vector<Trial> trials = runTrials(recorder, count, 600, 900, [&] {
+    const auto onsets = [&] { return recorder.takeOnsets(); };
+    const std::vector<Trial> trials = runTrials(onsets, count, 600, 900, [&] {
         const double at = monotonicNow();
         Mix_PlayChannel(-1, chunk, 0);
         return at;
@@ -185,12 +187,12 @@ std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& c
     return summarize(trials);
 }
 
-void print(const char* what, const Figures& f) {
+void print(const char* what, const Figures& f, const char* noun) {
     const std::size_t triggers = f.ms.size() + static_cast<std::size_t>(f.silent);
-    std::printf("%-44s median %6.1f ms   p90 %6.1f ms   min %6.1f   max %6.1f   (%zu/%zu heard",
-                what, f.median(), f.p90(), f.at(0.0), f.at(1.0), f.ms.size(), triggers);
+    std::printf("%-44s median %6.1f ms   p90 %6.1f ms   min %6.1f   max %6.1f   (%zu/%zu %s", what,
+                f.median(), f.p90(), f.at(0.0), f.at(1.0), f.ms.size(), triggers, noun);
     if (f.repeated > 0) {
-        std::printf(", %d heard more than once", f.repeated);
+        std::printf(", %d %s more than once", f.repeated, noun);
     }
     std::printf(")\n");
 }

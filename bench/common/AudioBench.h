@@ -76,9 +76,11 @@ Figures summarize(std::span<const Trial> trials);
 
 // Calls `trigger` `count` times with a random pause of `minPauseMs`..`maxPauseMs` after each,
 // so that the triggers land on every phase of the audio buffer. `trigger` returns the
-// CLOCK_MONOTONIC time it counts from. Each trigger gets the onsets heard from 5 ms before it
-// up to 5 ms before the next one (the last one: up to `minPauseMs` after it).
-std::vector<Trial> runTrials(Recorder& recorder, int count, int minPauseMs, int maxPauseMs,
+// CLOCK_MONOTONIC time it counts from. Each trigger gets the onsets (`takeOnsets`: the times
+// seen since the last call, such as Recorder::takeOnsets) from 5 ms before it up to 5 ms
+// before the next one (the last one: up to `minPauseMs` after it).
+std::vector<Trial> runTrials(const std::function<std::vector<double>()>& takeOnsets, int count,
+                             int minPauseMs, int maxPauseMs,
                              const std::function<double()>& trigger);
 
 // The floor: a bare SDL2_mixer loop on `clip` (decoded once in advance) with the given
@@ -86,7 +88,7 @@ std::vector<Trial> runTrials(Recorder& recorder, int count, int minPauseMs, int 
 std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& clip, int count,
                                         int bufferFrames, std::string* driver, std::string* error);
 
-// "<what>  median … ms  p90 … ms  min …  max …  (heard/triggers heard)"
-void print(const char* what, const Figures& figures);
+// "<what>  median … ms  p90 … ms  min …  max …  (paired/triggers <noun>)"
+void print(const char* what, const Figures& figures, const char* noun = "heard");
 
 }  // namespace bonkwell::bench

@@ -3,22 +3,30 @@
 // a fake IIO accelerometer's in_accel_x_raw while the app (with thuzz-detector reading that
 // device) runs, and dates the first sound of each at a null sink's monitor. The same run
 // first measures the floor on the same server and sink: a bare SDL2_mixer loop on the same
-// clip and buffer. Run through bench/e2e-latency/run, which sets everything up.
+// clip and buffer. With --helper it measures the helper alone instead: spike to its event
+// line. Run through bench/e2e-latency/run, which sets everything up.
 #include "AudioBench.h"
 #include "SdlSoundOutput.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -37,8 +45,8 @@ constexpr int kLongSpikeMs = 100;
 constexpr int kShortSpikeMs = 30;
 // After the 750 ms cooldown and the clip, and well inside the app's 5 s before it releases
 // the output.
-constexpr int kMinSpacingMs = 1500;
-constexpr int kMaxSpacingMs = 2100;
+constexpr int kMinSpacingMs = 1200;
+constexpr int kMaxSpacingMs = 1800;
 
 bool writeValue(int fd, const char* value) {
     const std::size_t size = std::strlen(value);
@@ -49,25 +57,167 @@ bool writeValue(int fd, const char* value) {
     return n == static_cast<ssize_t>(size);
 }
 
+// A jolt of `milliseconds` on the device; returns the time of its first write.
+std::function<double()> spikeFor(int fd, int milliseconds, bool* writesFailed) {
+    return [fd, milliseconds, writesFailed] {
+        const double at = monotonicNow();
+        *writesFailed |= !writeValue(fd, kSpikeValue);
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        *writesFailed |= !writeValue(fd, kRestValue);
+        return at;
+    };
+}
+
+// The per-user helper run as the app runs it, its event lines dated as they arrive.
+class HelperEvents {
+  public:
+    ~HelperEvents() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGTERM);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        if (reader_.joinable()) {
+            reader_.join();
+        }
+        if (out_ >= 0) {
+            ::close(out_);
+        }
+    }
+
+    bool start(const std::string& helper, std::string* error) {
+        int pipe[2];
+        if (::pipe2(pipe, O_CLOEXEC) != 0) {
+            *error = std::string("pipe: ") + std::strerror(errno);
+            return false;
+        }
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipe[1], 1);
+        std::vector<std::string> args{
+            helper, "--stdio", "--detect-only", "--min-amplitude", "0.05", "--cooldown", "750"};
+        std::vector<char*> argv;
+        for (std::string& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        const int failed =
+            posix_spawn(&pid_, helper.c_str(), &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(pipe[1]);
+        out_ = pipe[0];
+        if (failed != 0) {
+            pid_ = 0;
+            *error = helper + ": " + std::strerror(failed);
+            return false;
+        }
+        reader_ = std::thread([this] { read(); });
+        for (int i = 0; i < 100 && !reading_; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        if (!reading_) {
+            *error = helper + " did not open the device within 10 s";
+        }
+        return reading_;
+    }
+
+    std::vector<double> takeEvents() {
+        std::lock_guard lock(mutex_);
+        return std::exchange(events_, {});
+    }
+
+  private:
+    void read() {
+        std::string line;
+        char buffer[4096];
+        for (;;) {
+            const ssize_t n = ::read(out_, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                return;
+            }
+            const double at = monotonicNow();
+            line.append(buffer, static_cast<std::size_t>(n));
+            for (std::size_t end = line.find('\n'); end != std::string::npos;
+                 end = line.find('\n')) {
+                if (line.compare(0, 8, "reading ") == 0) {
+                    reading_ = true;
+                } else if (line.substr(0, end).find("\"slapNumber\"") != std::string::npos) {
+                    std::lock_guard lock(mutex_);
+                    events_.push_back(at);
+                }
+                line.erase(0, end + 1);
+            }
+        }
+    }
+
+    pid_t pid_ = 0;
+    int out_ = -1;
+    std::thread reader_;
+    std::atomic<bool> reading_{false};
+    std::mutex mutex_;
+    std::vector<double> events_;
+};
+
+// Spike on the device to the helper's event line, with no app and no sound.
+int measureHelper(const std::string& helper, int fd, int slaps) {
+    HelperEvents events;
+    std::string error;
+    if (!events.start(helper, &error)) {
+        std::fprintf(stderr, "e2e-latency: %s\n", error.c_str());
+        return 1;
+    }
+    const auto take = [&] { return events.takeEvents(); };
+    bool writesFailed = false;
+    // After the 750 ms cooldown; no clip to wait for here.
+    const std::vector<Trial> held = bonkwell::bench::runTrials(
+        take, slaps, 850, 1150, spikeFor(fd, kLongSpikeMs, &writesFailed));
+    const std::vector<Trial> brief = bonkwell::bench::runTrials(
+        take, slaps, 850, 1150, spikeFor(fd, kShortSpikeMs, &writesFailed));
+    if (writesFailed) {
+        std::fprintf(stderr, "e2e-latency: writing the device failed\n");
+        return 1;
+    }
+    const Figures heldFigures = bonkwell::bench::summarize(held);
+    const Figures briefFigures = bonkwell::bench::summarize(brief);
+    std::printf(
+        "helper alone: CLOCK_MONOTONIC just before the spike's write to the moment its "
+        "event line is read from the helper's stdout; %d spikes of each length, "
+        "850-1150 ms apart\n",
+        slaps);
+    bonkwell::bench::print("spike -> helper's event line, 100 ms jolt", heldFigures, "reported");
+    bonkwell::bench::print("spike -> helper's event line, 30 ms jolt", briefFigures, "reported");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    const bool helperAlone = argc > 1 && std::strcmp(argv[1], "--helper") == 0;
     if (argc < 4) {
-        std::fprintf(stderr, "usage: %s <clip.mp3> <sink monitor> <in_accel_x_raw> [slaps]\n",
-                     argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s <clip.mp3> <sink monitor> <in_accel_x_raw> [slaps]\n"
+                     "       %s --helper <thuzz-detector> <in_accel_x_raw> [slaps]\n",
+                     argv[0], argv[0]);
         return 2;
     }
-    const std::string clip = argv[1];
-    const std::string monitor = argv[2];
     const std::string axis = argv[3];
     const int slaps = argc > 4 ? std::max(25, std::atoi(argv[4])) : 30;
-    const int bufferFrames = bonkwell::SdlSoundOutput::Options{}.bufferFrames;
-
     const int fd = ::open(axis.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) {
         std::fprintf(stderr, "e2e-latency: %s: %s\n", axis.c_str(), std::strerror(errno));
         return 1;
     }
+    if (helperAlone) {
+        const int status = measureHelper(argv[2], fd, slaps);
+        ::close(fd);
+        return status;
+    }
+    const std::string clip = argv[1];
+    const std::string monitor = argv[2];
+    const int bufferFrames = bonkwell::SdlSoundOutput::Options{}.bufferFrames;
+
     bonkwell::bench::Recorder recorder;
     std::string error;
     if (!recorder.start(monitor, &error)) {
@@ -97,21 +247,16 @@ int main(int argc, char** argv) {
 
     bool writesFailed = false;
     const auto slapFor = [&](int milliseconds) {
-        return [&, milliseconds] {
-            const double at = monotonicNow();
-            writesFailed |= !writeValue(fd, kSpikeValue);
-            std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-            writesFailed |= !writeValue(fd, kRestValue);
-            return at;
-        };
+        return spikeFor(fd, milliseconds, &writesFailed);
     };
+    const auto take = [&] { return recorder.takeOnsets(); };
     // The first slap opens the app's output; the rest find it open.
-    const std::vector<Trial> first = bonkwell::bench::runTrials(
-        recorder, 1, kMinSpacingMs, kMinSpacingMs, slapFor(kLongSpikeMs));
+    const std::vector<Trial> first =
+        bonkwell::bench::runTrials(take, 1, kMinSpacingMs, kMinSpacingMs, slapFor(kLongSpikeMs));
     const std::vector<Trial> held = bonkwell::bench::runTrials(
-        recorder, slaps, kMinSpacingMs, kMaxSpacingMs, slapFor(kLongSpikeMs));
+        take, slaps, kMinSpacingMs, kMaxSpacingMs, slapFor(kLongSpikeMs));
     const std::vector<Trial> brief = bonkwell::bench::runTrials(
-        recorder, slaps, kMinSpacingMs, kMaxSpacingMs, slapFor(kShortSpikeMs));
+        take, slaps, kMinSpacingMs, kMaxSpacingMs, slapFor(kShortSpikeMs));
     ::close(fd);
     if (writesFailed) {
         std::fprintf(stderr, "e2e-latency: writing %s failed\n", axis.c_str());

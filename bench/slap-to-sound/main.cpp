@@ -35,11 +35,13 @@ using bonkwell::bench::Recorder;
 // Fires `trigger` `count` times, 600-900 ms apart at random so the triggers land on every
 // phase of the audio buffer, and pairs each with the next onset the recorder saw.
 Figures measure(Recorder& recorder, int count, const std::function<void()>& trigger) {
-    return bonkwell::bench::summarize(bonkwell::bench::runTrials(recorder, count, 600, 900, [&] {
-        const double at = monotonicNow();
-        trigger();
-        return at;
-    }));
+    return bonkwell::bench::summarize(
+        bonkwell::bench::runTrials([&] { return recorder.takeOnsets(); }, count, 600, 900,
+                                   [&] {
+                                       const double at = monotonicNow();
+                                       trigger();
+                                       return at;
+                                   }));
 }
 
 double cpuSeconds(const std::string& statPath) {
