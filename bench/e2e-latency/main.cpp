@@ -35,7 +35,8 @@ using bonkwell::bench::Figures;
 using bonkwell::bench::monotonicNow;
 using bonkwell::bench::Trial;
 
-// About 2 g sideways (raw 3000 at 0.00981 m/s² per unit, on top of 1 g down).
+// 3 g sideways (raw 3000 at 0.00981 m/s² per unit) on top of 1 g down: |a| = 3.2 g, a jolt
+// of about 2.2 g over the helper's 1 g baseline.
 constexpr const char* kSpikeValue = "3000\n";
 constexpr const char* kRestValue = "   0\n";  // same length: the file never holds a torn tail
 // The helper follows a jolt for up to 50 ms after it triggers, until it falls below half its
