@@ -195,6 +195,8 @@ int measureHelper(const std::string& helper, int fd, int slaps) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Each line as it is printed, through a pipe too: a run takes minutes.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const bool helperAlone = argc > 1 && std::strcmp(argv[1], "--helper") == 0;
     if (argc < 4) {
         std::fprintf(stderr,
