@@ -2,7 +2,7 @@
 # The two commands of the README: `make run` and `make test`.
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run package test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui bench-app
+.PHONY: all deps build run package test test-default test-asan format check-format clean bench bench-slap-to-sound bench-accel bench-engine bench-ui bench-app bench-e2e-latency
 
 all: build
 
@@ -43,7 +43,7 @@ test-asan:
 	ctest --preset asan -j $(JOBS)
 
 # Benchmarks print figures; they are not part of `make test`.
-bench: bench-slap-to-sound bench-accel bench-engine bench-ui bench-app
+bench: bench-slap-to-sound bench-e2e-latency bench-accel bench-engine bench-ui bench-app
 
 # The engine client: line throughput, main-thread hop, endless line, launch and idle cost.
 bench-engine: deps
@@ -54,6 +54,11 @@ bench-engine: deps
 # Slap-to-sound latency against a private PulseAudio null sink; prints the figures.
 bench-slap-to-sound: deps
 	bench/slap-to-sound/run default
+
+# Slap on a fake accelerometer to sound at a null sink, through the per-user helper and the
+# app, next to the bare SDL2_mixer floor of the same run (as root; about 2 minutes).
+bench-e2e-latency: deps
+	bench/e2e-latency/run default
 
 # The accelerometer helper's detection quality and idle CPU (about 3 minutes).
 bench-accel: deps

@@ -4,15 +4,12 @@
 // SDL2_mixer loop on the same clip and buffer size (the floor) and the first slap after the
 // output went idle (device closed). Run through bench/slap-to-sound/run, which starts the
 // server; this program only needs $PULSE_SERVER and the monitor's name.
+#include "AudioBench.h"
 #include "AudioPlayer.h"
 #include "Clock.h"
 #include "SdlSoundOutput.h"
 #include "SoundPackManager.h"
 
-#include <SDL.h>
-#include <SDL_mixer.h>
-#include <pulse/error.h>
-#include <pulse/simple.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -20,155 +17,31 @@
 #include <QFileInfo>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <functional>
-#include <mutex>
-#include <random>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-constexpr int kRate = 48000;
-constexpr int kChunkFrames = 64;  // 1.3 ms
-constexpr float kThreshold = 0.01F;
-constexpr double kSilenceBefore = 0.150;
-
-double monotonicNow() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
-// Reads the sink's monitor and notes the time of every onset: the first sample above the
-// threshold after at least 150 ms below it.
-class Recorder {
-  public:
-    bool start(const std::string& monitor) {
-        pa_sample_spec format{PA_SAMPLE_FLOAT32LE, kRate, 1};
-        pa_buffer_attr attr{};
-        attr.maxlength = static_cast<uint32_t>(-1);
-        attr.fragsize = kChunkFrames * sizeof(float);
-        int error = 0;
-        stream_ = pa_simple_new(nullptr, "bonkwell-bench", PA_STREAM_RECORD, monitor.c_str(),
-                                "monitor", &format, nullptr, &attr, &error);
-        if (stream_ == nullptr) {
-            std::fprintf(stderr, "slap-to-sound: cannot record %s: %s\n", monitor.c_str(),
-                         pa_strerror(error));
-            return false;
-        }
-        thread_ = std::thread([this] { run(); });
-        return true;
-    }
-    ~Recorder() {
-        stop_ = true;
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-        if (stream_ != nullptr) {
-            pa_simple_free(stream_);
-        }
-    }
-    std::vector<double> takeOnsets() {
-        std::lock_guard lock(mutex_);
-        return std::exchange(onsets_, {});
-    }
-
-    pid_t threadId() const { return tid_; }
-
-  private:
-    void run() {
-        tid_ = gettid();
-        std::vector<float> chunk(kChunkFrames);
-        double quietSince = -1e9;
-        bool sounding = false;
-        while (!stop_) {
-            int error = 0;
-            if (pa_simple_read(stream_, chunk.data(), chunk.size() * sizeof(float), &error) < 0) {
-                std::fprintf(stderr, "slap-to-sound: read: %s\n", pa_strerror(error));
-                return;
-            }
-            const double readAt = monotonicNow();
-            const pa_usec_t latency = pa_simple_get_latency(stream_, &error);
-            // Time of the chunk's first sample as the server mixed it.
-            const double first = readAt - static_cast<double>(latency) * 1e-6 -
-                                 static_cast<double>(kChunkFrames) / kRate;
-            for (int i = 0; i < kChunkFrames; ++i) {
-                const double t = first + static_cast<double>(i) / kRate;
-                if (std::fabs(chunk[static_cast<std::size_t>(i)]) > kThreshold) {
-                    if (!sounding && t - quietSince >= kSilenceBefore) {
-                        std::lock_guard lock(mutex_);
-                        onsets_.push_back(t);
-                    }
-                    sounding = true;
-                } else if (sounding) {
-                    sounding = false;
-                    quietSince = t;
-                }
-            }
-        }
-    }
-
-    pa_simple* stream_ = nullptr;
-    std::atomic<pid_t> tid_{0};
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    std::vector<double> onsets_;
-};
-
-struct Figures {
-    std::vector<double> ms;
-    int missed = 0;
-    double median() const { return at(0.5); }
-    double p90() const { return at(0.9); }
-    double at(double q) const {
-        if (ms.empty()) {
-            return NAN;
-        }
-        std::vector<double> s = ms;
-        std::sort(s.begin(), s.end());
-        const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(s.size())));
-        return s[std::min(rank == 0 ? 0 : rank - 1, s.size() - 1)];
-    }
-};
+using bonkwell::bench::Figures;
+using bonkwell::bench::monotonicNow;
+using bonkwell::bench::Recorder;
 
 // Fires `trigger` `count` times, 600-900 ms apart at random so the triggers land on every
 // phase of the audio buffer, and pairs each with the next onset the recorder saw.
 Figures measure(Recorder& recorder, int count, const std::function<void()>& trigger) {
-    std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> pause(600, 900);
-    std::vector<double> triggers;
-    recorder.takeOnsets();
-    for (int i = 0; i < count; ++i) {
-        triggers.push_back(monotonicNow());
-        trigger();
-        std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const std::vector<double> onsets = recorder.takeOnsets();
-    Figures figures;
-    for (const double t : triggers) {
-        const auto it = std::find_if(onsets.begin(), onsets.end(),
-                                     [&](double o) { return o >= t - 0.005 && o < t + 0.5; });
-        if (it == onsets.end()) {
-            ++figures.missed;
-        } else {
-            figures.ms.push_back((*it - t) * 1000.0);
-        }
-    }
-    return figures;
-}
-
-void print(const char* what, const Figures& f) {
-    std::printf("%-44s median %6.1f ms   p90 %6.1f ms   min %6.1f   max %6.1f   (%zu/%zu heard)\n",
-                what, f.median(), f.p90(), f.at(0.0), f.at(1.0), f.ms.size(),
-                f.ms.size() + static_cast<std::size_t>(f.missed));
+    return bonkwell::bench::summarize(
+        bonkwell::bench::runTrials([&] { return recorder.takeOnsets(); }, count, 600, 900,
+                                   [&] {
+                                       const double at = monotonicNow();
+                                       trigger();
+                                       return at;
+                                   }));
 }
 
 double cpuSeconds(const std::string& statPath) {
@@ -235,18 +108,19 @@ int main(int argc, char** argv) {
     const int count = argc > 4 ? std::max(25, std::atoi(argv[4])) : 25;
 
     Recorder recorder;
-    if (!recorder.start(monitor)) {
+    std::string recordError;
+    if (!recorder.start(monitor, &recordError)) {
+        std::fprintf(stderr, "slap-to-sound: %s\n", recordError.c_str());
         return 1;
     }
-    // An idle null sink works in 2 s blocks; give it time to settle on the recording.
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    std::this_thread::sleep_for(std::chrono::milliseconds(bonkwell::bench::kSettleMilliseconds));
 
     bonkwell::SoundPack pack;
     pack.name = QStringLiteral("Bench");
     pack.files << clip;
     std::printf("clip %s, %d triggers per row, %d-frame buffer at %d Hz\n",
                 qPrintable(QFileInfo(clip).fileName()), count,
-                bonkwell::SdlSoundOutput::Options{}.bufferFrames, kRate);
+                bonkwell::SdlSoundOutput::Options{}.bufferFrames, bonkwell::bench::kRecordRate);
 
     Figures player;
     Figures cold;
@@ -284,31 +158,17 @@ int main(int argc, char** argv) {
     }
 
     // The floor: a bare SDL2_mixer loop, clip decoded once in advance, same buffer.
-    Figures floor;
-    {
-        SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
-        SDL_SetHint(SDL_HINT_AUDIODRIVER, "pipewire,pulseaudio,alsa");
-        if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0 ||
-            Mix_OpenAudioDevice(kRate, AUDIO_S16SYS, 2,
-                                bonkwell::SdlSoundOutput::Options{}.bufferFrames, nullptr,
-                                0) != 0) {
-            std::fprintf(stderr, "slap-to-sound: SDL: %s\n", SDL_GetError());
-            return 1;
-        }
-        std::printf("SDL audio driver: %s\n", SDL_GetCurrentAudioDriver());
-        Mix_Chunk* chunk = Mix_LoadWAV(qPrintable(clip));
-        if (chunk == nullptr) {
-            std::fprintf(stderr, "slap-to-sound: %s\n", Mix_GetError());
-            return 1;
-        }
-        Mix_PlayChannel(-1, chunk, 0);
-        std::this_thread::sleep_for(std::chrono::milliseconds(800));
-        floor = measure(recorder, count, [&] { Mix_PlayChannel(-1, chunk, 0); });
-        Mix_HaltChannel(-1);
-        Mix_FreeChunk(chunk);
-        Mix_CloseAudio();
-        SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    std::string driver;
+    std::string error;
+    const std::optional<Figures> floorFigures = bonkwell::bench::measureBareMixer(
+        recorder, clip.toStdString(), count, bonkwell::SdlSoundOutput::Options{}.bufferFrames,
+        &driver, &error);
+    if (!floorFigures) {
+        std::fprintf(stderr, "slap-to-sound: %s\n", error.c_str());
+        return 1;
     }
+    std::printf("SDL audio driver: %s\n", driver.c_str());
+    const Figures floor = *floorFigures;
 
     // What decoding at every playback costs: read, decode, scale and start each built-in clip.
     std::vector<double> decodeMs;
@@ -337,9 +197,9 @@ int main(int argc, char** argv) {
     Figures decode{decodeMs, 0};
 
     std::printf("\n");
-    print("AudioPlayer::playSlap, output open", player);
-    print("bare SDL2_mixer loop (floor)", floor);
-    print("AudioPlayer::playSlap, output idle-closed", cold);
+    bonkwell::bench::print("AudioPlayer::playSlap, output open", player);
+    bonkwell::bench::print("bare SDL2_mixer loop (floor)", floor);
+    bonkwell::bench::print("AudioPlayer::playSlap, output idle-closed", cold);
     std::printf("(the idle-closed row opened the device %llu times)\n",
                 static_cast<unsigned long long>(opens));
     std::printf("\nratio to floor (median): %.2f   p90: %.2f\n", player.median() / floor.median(),
