@@ -32,6 +32,20 @@ class SlapDetectorInterface {
     virtual void removeLiveViewer() = 0;
 };
 
+// One live viewer on a detector, for as long as this exists.
+class LiveViewerHold {
+  public:
+    explicit LiveViewerHold(SlapDetectorInterface& detector) : detector_(detector) {
+        detector_.addLiveViewer();
+    }
+    ~LiveViewerHold() { detector_.removeLiveViewer(); }
+    LiveViewerHold(const LiveViewerHold&) = delete;
+    LiveViewerHold& operator=(const LiveViewerHold&) = delete;
+
+  private:
+    SlapDetectorInterface& detector_;
+};
+
 class ThuzzEngineInterface {
   public:
     // The status reported once the helper has been launched and reads the accelerometer.

@@ -181,9 +181,6 @@ CalibrationWindowController::CalibrationWindowController(AppState& state,
     : state_(state), detector_(detector), clock_(clock) {}
 
 CalibrationWindowController::~CalibrationWindowController() {
-    if (window_ != nullptr) {
-        detector_.removeLiveViewer();
-    }
     delete window_.data();
 }
 
@@ -214,13 +211,13 @@ void CalibrationWindowController::show() {
         if (window_ == window) {
             window_ = nullptr;
             view_ = nullptr;
-            detector_.removeLiveViewer();
+            liveView_.reset();
         }
         window->deleteLater();
     });
     window_ = window;
     // Its live graph wants every magnitude promptly while the window is open.
-    detector_.addLiveViewer();
+    liveView_.emplace(detector_);
     bringToFront(window);
     centerOnScreen(window);  // again, now that the frame's size is known
 }

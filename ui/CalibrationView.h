@@ -13,6 +13,7 @@
 #include <QWidget>
 
 #include <memory>
+#include <optional>
 
 class QLabel;
 class QPropertyAnimation;
@@ -85,6 +86,7 @@ class CalibrationWindowController {
     SlapDetectorInterface& detector_;
     const Clock& clock_;
     QPointer<WindowHost> window_;
+    std::optional<LiveViewerHold> liveView_;  // while the window is open
     QPointer<CalibrationView> view_;
 };
 

@@ -11,6 +11,7 @@
 #include <QWidget>
 
 #include <functional>
+#include <optional>
 
 class QLabel;
 class QPushButton;
@@ -109,6 +110,7 @@ class SettingsWindowController {
     std::function<void()> openCalibration_;
     DesktopIntegration& desktop_;
     QPointer<WindowHost> window_;
+    std::optional<LiveViewerHold> liveView_;  // while the window is open
     QPointer<SettingsRootView> root_;
 };
 

@@ -22,9 +22,6 @@ SettingsWindowController::SettingsWindowController(AppState& state, SlapDetector
       desktop_(desktop) {}
 
 SettingsWindowController::~SettingsWindowController() {
-    if (window_ != nullptr) {
-        detector_.removeLiveViewer();
-    }
     delete window_.data();
 }
 
@@ -56,13 +53,13 @@ void SettingsWindowController::show() {
         if (window_ == window) {
             window_ = nullptr;
             root_ = nullptr;
-            detector_.removeLiveViewer();
+            liveView_.reset();
         }
         window->deleteLater();
     });
     window_ = window;
     // Its live graph wants every magnitude promptly while the window is open.
-    detector_.addLiveViewer();
+    liveView_.emplace(detector_);
     bringToFront(window);
     centerOnScreen(window);  // again, now that the frame's size is known
 }
