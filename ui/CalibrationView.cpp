@@ -193,33 +193,22 @@ void CalibrationWindowController::show() {
         bringToFront(window_);
         return;
     }
-    auto* window = new WindowHost;
-    window->setObjectName(QStringLiteral("calibrationWindow"));
-    window->setWindowTitle(QStringLiteral("Bonkwell Calibration"));
-    window->setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint |
-                           Qt::WindowCloseButtonHint | Qt::WindowMinimizeButtonHint |
-                           Qt::WindowMaximizeButtonHint);
-    auto* layout = new QVBoxLayout(window);
-    layout->setContentsMargins(0, 0, 0, 0);
-    view_ = new CalibrationView(state_, clock_, window);
-    layout->addWidget(view_);
-    window->resize(kWidth, kHeight);
-    centerOnScreen(window);
-    QObject::connect(window, &WindowHost::closed, window, [this, window] {
-        // Forget the window at once; it and its content are deleted on the next turn of
-        // the event loop, so the next show() builds a fresh one.
-        if (window_ == window) {
+    WindowHost* window = makeWindowHost(
+        QStringLiteral("calibrationWindow"), QStringLiteral("Bonkwell Calibration"),
+        Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint | Qt::WindowCloseButtonHint |
+            Qt::WindowMinimizeButtonHint | Qt::WindowMaximizeButtonHint,
+        [this] {
             window_ = nullptr;
             view_ = nullptr;
             liveView_.reset();
-        }
-        window->deleteLater();
-    });
+        });
+    view_ = new CalibrationView(state_, clock_, window);
+    window->layout()->addWidget(view_);
+    window->resize(kWidth, kHeight);
     window_ = window;
     // Its live graph wants every magnitude promptly while the window is open.
     liveView_.emplace(detector_);
-    bringToFront(window);
-    centerOnScreen(window);  // again, now that the frame's size is known
+    presentCentred(window);
 }
 
 }  // namespace bonkwell

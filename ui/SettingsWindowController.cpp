@@ -35,33 +35,24 @@ void SettingsWindowController::show() {
         bringToFront(window_);
         return;
     }
-    auto* window = new WindowHost;
-    window->setObjectName(QStringLiteral("settingsWindow"));
-    window->setWindowTitle(QStringLiteral("Bonkwell Settings"));
     // Titled, closable, minimisable; not resizable.
-    window->setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
-                           Qt::WindowSystemMenuHint | Qt::WindowCloseButtonHint |
-                           Qt::WindowMinimizeButtonHint);
-    auto* layout = new QVBoxLayout(window);
-    layout->setContentsMargins(0, 0, 0, 0);
-    root_ = new SettingsRootView(state_, audio_, packManager_, engine_, openCalibration_, desktop_,
-                                 window);
-    layout->addWidget(root_);
-    window->setFixedSize(kWidth, kHeight);
-    centerOnScreen(window);
-    QObject::connect(window, &WindowHost::closed, window, [this, window] {
-        if (window_ == window) {
+    WindowHost* window = makeWindowHost(
+        QStringLiteral("settingsWindow"), QStringLiteral("Bonkwell Settings"),
+        Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint |
+            Qt::WindowCloseButtonHint | Qt::WindowMinimizeButtonHint,
+        [this] {
             window_ = nullptr;
             root_ = nullptr;
             liveView_.reset();
-        }
-        window->deleteLater();
-    });
+        });
+    root_ = new SettingsRootView(state_, audio_, packManager_, engine_, openCalibration_, desktop_,
+                                 window);
+    window->layout()->addWidget(root_);
+    window->setFixedSize(kWidth, kHeight);
     window_ = window;
     // Its live graph wants every magnitude promptly while the window is open.
     liveView_.emplace(detector_);
-    bringToFront(window);
-    centerOnScreen(window);  // again, now that the frame's size is known
+    presentCentred(window);
 }
 
 }  // namespace bonkwell

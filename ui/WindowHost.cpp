@@ -4,6 +4,9 @@
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QScreen>
+#include <QVBoxLayout>
+
+#include <utility>
 
 namespace bonkwell {
 
@@ -14,6 +17,30 @@ void WindowHost::closeEvent(QCloseEvent* event) {
     if (event->isAccepted()) {
         emit closed();
     }
+}
+
+WindowHost* makeWindowHost(const QString& objectName, const QString& title, Qt::WindowFlags flags,
+                           std::function<void()> forget) {
+    auto* window = new WindowHost;
+    window->setObjectName(objectName);
+    window->setWindowTitle(title);
+    window->setWindowFlags(flags);
+    auto* layout = new QVBoxLayout(window);
+    layout->setContentsMargins(0, 0, 0, 0);
+    QObject::connect(window, &WindowHost::closed, window,
+                     [window, forget = std::move(forget)]() mutable {
+                         if (forget) {
+                             std::exchange(forget, nullptr)();
+                         }
+                         window->deleteLater();
+                     });
+    return window;
+}
+
+void presentCentred(QWidget* window) {
+    centerOnScreen(window);
+    bringToFront(window);
+    centerOnScreen(window);
 }
 
 void centerOnScreen(QWidget* window) {
