@@ -17,7 +17,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop_driver import App, Failure, find_windows, run, wait_window  # noqa: E402
+from desktop_driver import App, Failure, drive, find_windows, run, wait_window  # noqa: E402
 
 
 def start_again(args, app, label):
@@ -83,6 +83,21 @@ def run_no_tray(args, app):
     print("the running copy brought its window back")
 
 
+def first_copy(args, app):
+    (run_no_tray if args.tray == "none" else run_tray)(args, app)
+    others = [pid for pid in bonkwell_processes(args.app) if pid != app.proc.pid]
+    if others:
+        raise Failure(f"more copies run besides the first: {others}")
+    app.stop()
+    if app.proc.returncode != 0:
+        raise Failure(f"the first copy exited {app.proc.returncode}")
+
+
+def normal_start(app):
+    app.wait_event(r"tray icon shown \(XEmbed\)", 20)
+    print("after the first copy ended, a new start came up normally")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
@@ -90,26 +105,12 @@ def main():
     args = parser.parse_args()
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     app = App(args.app, home)
-    try:
-        (run_no_tray if args.tray == "none" else run_tray)(args, app)
-        others = [pid for pid in bonkwell_processes(args.app) if pid != app.proc.pid]
-        if others:
-            raise Failure(f"more copies run besides the first: {others}")
-        app.stop()
-        if app.proc.returncode != 0:
-            raise Failure(f"the first copy exited {app.proc.returncode}")
-        if args.tray == "xembed":  # (without a tray a start waits 30 s for one first)
-            # With the first copy gone the next start is a normal one.
-            app = App(args.app, home)
-            app.wait_event(r"tray icon shown \(XEmbed\)", 20)
-            print("after the first copy ended, a new start came up normally")
-    except Failure as failure:
-        print(f"FAILED: {failure}", file=sys.stderr)
-        print("app log:\n" + "\n".join(app.log[-60:]), file=sys.stderr)
-        return 1
-    finally:
-        app.stop()
-    return 0
+    code = drive(app, first_copy, args, app)
+    if code != 0 or args.tray != "xembed":  # (without a tray a start waits 30 s for one first)
+        return code
+    # With the first copy gone the next start is a normal one.
+    app = App(args.app, home)
+    return drive(app, normal_start, app)
 
 
 if __name__ == "__main__":
