@@ -68,6 +68,11 @@ void AppDelegate::applicationDidFinishLaunching() {
 void AppDelegate::handleSlap(double amplitude) {
     state_->bumpCounts();
     const SoundPack pack = packManager_->pack(state_->selectedPackName.get());
+    // A pack without sounds (a stale name, a Custom folder with only sub-folders, deleted
+    // files) plays nothing; the slap above is counted all the same.
+    if (pack.files.isEmpty()) {
+        return;
+    }
     const PlayMode mode = state_->mode.get();
     const double volume = state_->volume.get();
     const bool scaling = state_->volumeScaling.get();

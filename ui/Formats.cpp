@@ -5,19 +5,26 @@
 
 #include <QDir>
 
+#include <charconv>
 #include <cmath>
-#include <cstdio>
+#include <system_error>
 
 namespace bonkwell::format {
 namespace {
 
-QString printfFinite(const char* fmt, double value, const char* what) {
+// `value` with `decimals` digits after a full stop, rounded as printf's "%.Nf" rounds, then
+// `suffix`. The same in every locale: printf would follow LC_NUMERIC ("0,25" in German).
+QString fixedFinite(double value, int decimals, const char* suffix, const char* what) {
     if (!std::isfinite(value)) {
         fatal(QStringLiteral("cannot show a non-finite %1").arg(QLatin1String(what)));
     }
-    char buffer[64];
-    std::snprintf(buffer, sizeof buffer, fmt, value);
-    return QString::fromLatin1(buffer);
+    char buffer[400];  // the longest finite double in fixed notation has 309 digits
+    const std::to_chars_result result =
+        std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, decimals);
+    if (result.ec != std::errc()) {
+        fatal(QStringLiteral("cannot show the %1 %2").arg(QLatin1String(what)).arg(value));
+    }
+    return QString::fromLatin1(buffer, result.ptr - buffer) + QLatin1String(suffix);
 }
 
 }  // namespace
@@ -34,7 +41,7 @@ std::int64_t truncatedWhole(double value, double factor, const char* what) {
 }
 
 QString sensitivityShort(double g) {
-    return printfFinite("%.2fg", g, "sensitivity");
+    return fixedFinite(g, 2, "g", "sensitivity");
 }
 
 QString percent(double factor) {
@@ -42,11 +49,11 @@ QString percent(double factor) {
 }
 
 QString threshold(double g) {
-    return printfFinite("%.3f g", g, "threshold");
+    return fixedFinite(g, 3, " g", "threshold");
 }
 
 QString magnitude(double g) {
-    return printfFinite("%.4f g", g, "magnitude");
+    return fixedFinite(g, 4, " g", "magnitude");
 }
 
 QString milliseconds(double seconds) {

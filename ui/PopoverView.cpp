@@ -271,9 +271,11 @@ QWidget* PopoverView::buildFooter() {
 }
 
 void PopoverView::playTest() {
-    // The pack manager always yields a pack, possibly without files; the player then plays
-    // nothing.
+    // The pack manager always yields a pack, possibly without files: then nothing plays.
     const SoundPack pack = packManager_.pack(state_.selectedPackName.get());
+    if (pack.files.isEmpty()) {
+        return;
+    }
     audio_.playTest(pack, state_.volume.get());
 }
 

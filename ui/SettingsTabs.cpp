@@ -88,7 +88,10 @@ QWidget* SettingsRootView::buildSoundsTab() {
     QPushButton* test =
         textButton(QStringLiteral("Test sound"), QStringLiteral("testSoundButton"), content);
     connect(test, &QPushButton::clicked, this, [this] {
-        audio_.playTest(packManager_.pack(state_.selectedPackName.get()), state_.volume.get());
+        const SoundPack pack = packManager_.pack(state_.selectedPackName.get());
+        if (!pack.files.isEmpty()) {  // a pack without files plays nothing
+            audio_.playTest(pack, state_.volume.get());
+        }
     });
     buttons->addWidget(test);
     QPushButton* reload =

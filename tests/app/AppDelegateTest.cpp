@@ -185,6 +185,7 @@ TEST_F(AppDelegateTest, ASlapIsCountedThenPlayedWithTheCurrentSettings) {
 TEST_F(AppDelegateTest, EngineEventsAreSlapsToo) {
     make(InstallState::installed, true);
     delegate->applicationDidFinishLaunching();
+    packs->files["Pain"] = QStringList{"/x/a.mp3"};
     journal.calls.clear();
     engine->onEvent(ThuzzEvent{0.3, "hard", 7});
     EXPECT_EQ(journal.calls.last(), "audio.playSlap(Pain,random,0.3,1,scaled)");
@@ -195,11 +196,14 @@ TEST_F(AppDelegateTest, ASlapOnAnEmptyPackIsStillCountedAndSaved) {
     make(InstallState::notInstalled, true);
     delegate->applicationDidFinishLaunching();
     store.writes.clear();
+    journal.calls.clear();
     detector->onSlap(0.2);
     EXPECT_EQ(delegate->state().todayCount.get(), 1);
     EXPECT_EQ(delegate->state().totalCount.get(), 1);
     ASSERT_EQ(store.writes.size(), 1u);
     EXPECT_EQ(store.savedSnapshot(0).totalCount, 1);
+    // The pack has no files: the player is not asked to play.
+    EXPECT_EQ(journal.calls, (QStringList{"save", "packs.pack(Pain)"}));
 }
 
 TEST_F(AppDelegateTest, SlapsOnEitherSideOfMidnightStartANewDay) {

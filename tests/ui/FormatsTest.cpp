@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <limits>
 
 namespace bonkwell {
@@ -46,6 +47,27 @@ TEST(FormatsTest, CooldownIsWholeMillisecondsTruncated) {
     EXPECT_EQ(format::milliseconds(0.1), QStringLiteral("100 ms"));
     EXPECT_EQ(format::milliseconds(0.25), QStringLiteral("250 ms"));
     EXPECT_EQ(format::milliseconds(0.7509), QStringLiteral("750 ms"));
+}
+
+// The formats round as printf's "%.Nf" does (ties on the exact binary value go to even),
+// but always with a full stop: printf's separator, which follows the locale, is put back.
+TEST(FormatsTest, RoundingMatchesPrintfWithAFullStop) {
+    const auto printed = [](const char* fmt, double v) {
+        char buffer[400];
+        std::snprintf(buffer, sizeof buffer, fmt, v);
+        return QString::fromLatin1(buffer).replace(QLatin1Char(','), QLatin1Char('.'));
+    };
+    for (int i = -2000; i <= 2000; ++i) {
+        for (double v : {i / 1000.0, i / 8.0, i / 16.0, i / 2000.0 + 1e-9, i * 1e-5}) {
+            ASSERT_EQ(format::sensitivityShort(v), printed("%.2fg", v)) << v;
+            ASSERT_EQ(format::threshold(v), printed("%.3f g", v)) << v;
+            ASSERT_EQ(format::magnitude(v), printed("%.4f g", v)) << v;
+        }
+    }
+    EXPECT_EQ(format::sensitivityShort(0.125), QStringLiteral("0.12g"));
+    EXPECT_EQ(format::magnitude(1e300), printed("%.4f g", 1e300));
+    EXPECT_EQ(format::magnitude(-std::numeric_limits<double>::max()),
+              printed("%.4f g", -std::numeric_limits<double>::max()));
 }
 
 TEST(FormatsTest, SensitivityHintBandsIncludeTheirBoundsInTheMiddle) {

@@ -169,7 +169,7 @@ TEST_F(PopoverViewTest, BannerShowsTheStatusAsItStandsOnOneLine) {
     EXPECT_EQ(status->height(), status->fontMetrics().height());
 }
 
-TEST_F(PopoverViewTest, UnknownPackLeavesThePickerEmptyAndTestStillAsksForIt) {
+TEST_F(PopoverViewTest, UnknownPackLeavesThePickerEmptyAndTestPlaysNothing) {
     f.state->selectedPackName.set(QStringLiteral("Vanished"));
     auto* picker = child<QComboBox>(view.get(), QStringLiteral("packPicker"));
     EXPECT_EQ(picker->currentIndex(), -1);
@@ -177,6 +177,11 @@ TEST_F(PopoverViewTest, UnknownPackLeavesThePickerEmptyAndTestStillAsksForIt) {
     f.takeCalls();
     f.state->volume.set(0.5);
     f.takeCalls();
+    QTest::mouseClick(child<QPushButton>(view.get(), QStringLiteral("testButton")), Qt::LeftButton);
+    // The pack manager is asked for that name; the pack it gives has no files, so the
+    // player is not asked to play.
+    EXPECT_EQ(f.takeCalls(), QStringList{QStringLiteral("packs.pack(Vanished)")});
+    f.packs.files[QStringLiteral("Vanished")] = QStringList{QStringLiteral("/x/a.mp3")};
     QTest::mouseClick(child<QPushButton>(view.get(), QStringLiteral("testButton")), Qt::LeftButton);
     EXPECT_EQ(f.takeCalls(), (QStringList{QStringLiteral("packs.pack(Vanished)"),
                                           QStringLiteral("audio.playTest(Vanished,0.5)")}));

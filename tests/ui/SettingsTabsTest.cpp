@@ -72,6 +72,7 @@ TEST_F(SettingsTabsTest, SoundsPickersAndButtons) {
     f.takeCalls();
 
     f.state->volume.set(1.5);
+    f.packs.files[QStringLiteral("Sexy")] = QStringList{QStringLiteral("/x/a.mp3")};
     f.takeCalls();
     QTest::mouseClick(child<QPushButton>(sounds, QStringLiteral("testSoundButton")),
                       Qt::LeftButton);
@@ -108,6 +109,10 @@ TEST_F(SettingsTabsTest, SoundsWithNoPacksStillWorks) {
     QTest::keyClick(child<DoubleSlider>(sounds, QStringLiteral("volumeSlider")), Qt::Key_End);
     EXPECT_EQ(f.state->volume.get(), 2.0);
     f.takeCalls();
+    QTest::mouseClick(child<QPushButton>(sounds, QStringLiteral("testSoundButton")),
+                      Qt::LeftButton);
+    EXPECT_EQ(f.takeCalls(), QStringList{QStringLiteral("packs.pack(Pain)")});  // no files
+    f.packs.files[QStringLiteral("Pain")] = QStringList{QStringLiteral("/x/a.mp3")};
     QTest::mouseClick(child<QPushButton>(sounds, QStringLiteral("testSoundButton")),
                       Qt::LeftButton);
     EXPECT_EQ(f.takeCalls(), (QStringList{QStringLiteral("packs.pack(Pain)"),

@@ -3,6 +3,7 @@
 
 #include "Log.h"
 
+#include <QApplication>
 #include <QEvent>
 #include <QGuiApplication>
 #include <QWidget>
@@ -46,6 +47,19 @@ std::vector<xcb_atom_t> readState(xcb_connection_t* c, xcb_window_t w, xcb_atom_
         std::free(reply);
     }
     return atoms;
+}
+
+// Whether the window belongs to a widget marked to keep its taskbar entry.
+bool alwaysInTaskbar(QWindow* window) {
+    if (window->property(TaskbarPresence::kAlwaysInTaskbar).toBool()) {
+        return true;
+    }
+    for (const QWidget* widget : QApplication::topLevelWidgets()) {
+        if (widget->windowHandle() == window) {
+            return widget->property(TaskbarPresence::kAlwaysInTaskbar).toBool();
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -96,7 +110,7 @@ bool TaskbarPresence::eventFilter(QObject* watched, QEvent* event) {
 
 void TaskbarPresence::apply(QWindow* window) const {
     if (!x11_ || window == nullptr || window->type() == Qt::Popup ||
-        window->type() == Qt::ToolTip || window->handle() == nullptr) {
+        window->type() == Qt::ToolTip || window->handle() == nullptr || alwaysInTaskbar(window)) {
         return;
     }
     xcb_connection_t* c = x11Connection();

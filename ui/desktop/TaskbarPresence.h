@@ -14,6 +14,11 @@ namespace bonkwell {
 // request is logged once and ignored.
 class TaskbarPresence : public QObject {
   public:
+    // A top-level widget whose property of this name is true keeps its taskbar entry
+    // whatever the setting: the window that stands in for a missing tray is the whole app,
+    // and once minimised the taskbar is the only way back to it.
+    static constexpr const char* kAlwaysInTaskbar = "bonkwellAlwaysInTaskbar";
+
     explicit TaskbarPresence(QObject* parent = nullptr);
     ~TaskbarPresence() override;
 

@@ -6,6 +6,7 @@
 #include "PopoverView.h"
 #include "SettingsWindow.h"
 #include "Symbols.h"
+#include "TaskbarPresence.h"
 #include "TestEvents.h"
 #include "Widgets.h"
 
@@ -157,6 +158,10 @@ void MenuBarController::showFallbackWindow() {
         "Bonkwell: no system tray found; showing the Bonkwell window instead (on GNOME, the "
         "AppIndicator extension adds a tray)"));
     auto* window = new FallbackWindow;
+    window->setObjectName(QStringLiteral("fallbackWindow"));
+    // It is the whole app here: never hidden from the taskbar, or once minimised it could
+    // only come back by starting the app again.
+    window->setProperty(TaskbarPresence::kAlwaysInTaskbar, true);
     window->setAttribute(Qt::WA_DeleteOnClose);
     window->setWindowTitle(QStringLiteral("Bonkwell"));
     window->setWindowIcon(makeIcon());
