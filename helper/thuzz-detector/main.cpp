@@ -127,7 +127,8 @@ class Helper {
                     return 1;
                 }
                 for (const auto& sample : samples) {
-                    if (auto impact = detector_.addSample(sample.time, accel::length(sample.g))) {
+                    if (auto impact =
+                            detector_.addSample(sample.time, sample.g.x, sample.g.y, sample.g.z)) {
                         if (!report(*impact)) {
                             return 0;
                         }
