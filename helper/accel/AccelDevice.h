@@ -75,6 +75,7 @@ class SampleSource {
   protected:
     SampleSource(SourceKind kind, std::string description, double rateHz)
         : kind_(kind), description_(std::move(description)), rateHz_(rateHz) {}
+    void setRate(double rateHz) { rateHz_ = rateHz; }
 
   private:
     SettingChanges changes_;
@@ -89,6 +90,11 @@ struct OpenOptions {
     bool allowSysfsPoll = true;
     bool allowPosition = true;
     double maxPollHz = 100.0;
+    // Raise the device's own rate (IIO sampling_frequency from its _available list, the
+    // lis3lv02d input device's poll interval) up to maxRaisedHz. Needs root; every change is
+    // recorded in the source's changes() and put back by restore().
+    bool raiseRate = false;
+    double maxRaisedHz = 200.0;
     // Read each polled source once while opening, so that a busy or broken one is skipped.
     // Off for callers on a thread that must not wait for a slow bus.
     bool probePolled = true;

@@ -26,6 +26,7 @@ class IioBufferSource final : public SampleSource {
     }
 
     int waitFd() const override { return fd_; }
+    void setDeviceRate(double rate) { setRate(rate); }
 
     bool read(std::vector<Sample>& out, std::string& error) override {
         std::uint8_t chunk[4096];
@@ -123,7 +124,8 @@ std::vector<std::string> enabledChannels(const std::string& scanDir) {
 
 }  // namespace
 
-std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::string& error) {
+std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, double raiseToHz,
+                                            std::string& error) {
     const std::string dir = std::string(kIioDevices) + "/" + device;
     auto source = std::make_unique<IioBufferSource>(describeIio(device), readIioRate(dir));
     if (!readIioCalibration(dir, source->cal_, error)) {
@@ -186,6 +188,10 @@ std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::stri
     const auto length = parseInteger(readAttribute(dir + "/buffer/length").value_or(""));
     if (length && *length < 16 && !source->changes().set(dir + "/buffer/length", "64", error)) {
         return nullptr;
+    }
+    if (raiseToHz > 0) {
+        raiseIioRate(dir, raiseToHz, source->changes());
+        source->setDeviceRate(readIioRate(dir));
     }
     if (!source->changes().set(dir + "/buffer/enable", "1", error)) {
         return nullptr;
