@@ -46,6 +46,7 @@ double slapShape(const Slap& slap, double t) {
 
 bool loadTrace(const std::string& path, Trace& out, std::string& error) {
     constexpr double kG = 9.80665;
+    constexpr double kWarmUp = 0.5;  // s at the start of a recording
     std::ifstream in(path);
     if (!in) {
         error = "cannot read " + path;
@@ -68,10 +69,13 @@ bool loadTrace(const std::string& path, Trace& out, std::string& error) {
         if (first < 0) {
             first = t;
         }
-        if (!out.t.empty() && t - first <= out.t.back()) {
+        if (t - first < kWarmUp) {
+            continue;  // the phone's sensor settling from zero
+        }
+        if (!out.t.empty() && t - first - kWarmUp <= out.t.back()) {
             continue;
         }
-        out.t.push_back(t - first);
+        out.t.push_back(t - first - kWarmUp);
         out.a.push_back({v[1] / kG, v[2] / kG, v[3] / kG});
     }
     if (out.t.size() < 1000) {

@@ -53,6 +53,7 @@ struct Turn {
 };
 
 // A recorded trace (time in s from 0, acceleration in g with gravity), linearly interpolated.
+// The first half second of a recording (its sensor settling from zero) is left out.
 struct Trace {
     std::string name;
     std::vector<double> t;
