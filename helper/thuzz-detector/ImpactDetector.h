@@ -3,17 +3,17 @@
 //
 // The accelerometer reads gravity (about 1 g, in whatever direction the machine lies) plus a
 // bias and a scale error of its own on each axis. None of that changes within a few
-// milliseconds, while a slap does: so each sample is compared, axis by axis, with the last
-// two readings from before a slap could have begun (at least kReferenceAge and one and a half
+// milliseconds, while a slap does: so each sample is compared, axis by axis, with the last two
+// readings from before a slap could have begun (at least kReferenceAge and one and a half
 // sample periods earlier; the previous samples on sensors slower than kSlowPeriod), and the
-// jolt is the length of the smaller difference vector, in g. Orientation, bias and scale error drop
-// out, and a slap counts the same from any direction, along gravity or across it.
+// jolt is the length of the smaller difference vector, in g. Orientation, bias and scale error
+// drop out, and a slap counts the same from any direction, along gravity or across it.
 //
 // The trigger level is --min-amplitude, raised by the recent background: the largest jolt of
-// the past, decaying with kBackgroundTau and left out while younger than the reference (so
-// the rise of a slap does not raise its own bar). Only background above half the minimum amplitude
-// counts, so a still machine reacts to the lightest slap while walking or a machine being
-// carried raises the bar. A slap's own jolts never enter the background, and other jolts
+// the past, decaying with kBackgroundTau and left out while younger than the reference (so the
+// rise of a slap does not raise its own bar). Only background above half the minimum
+// amplitude counts, so a still machine reacts to the lightest slap while walking or a machine
+// being carried raises the bar. A slap's own jolts never enter the background, and other jolts
 // above the bar (inside the cooldown) enter it only up to the bar that slap had to clear.
 //
 // A slap is reported at once, on the first sample above the trigger level; on sensors that
