@@ -215,10 +215,10 @@ void runSensor(Setup& setup, const std::vector<Path>& paths, const std::vector<T
     {  // The lid or tablet moved: gravity turning 30-90 degrees over 0.3-1 s.
         Scene scene;
         scene.gravity = tilted();
-        addTurns(scene, 60, rng);
+        addTurns(scene, 100, rng);
         each(scene, SensorUnit::random(rng, period), [&](Score& s, auto events) {
             s.lidFalse += static_cast<int>(events.size());
-            s.lidMoves += 60;
+            s.lidMoves += 100;
         });
     }
     for (const auto& trace : traces) {
