@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AccelerometerReader.h"
 
+#include "GravityCalibration.h"
 #include "Log.h"
 #include "MainQueue.h"
 
@@ -76,80 +77,84 @@ AccelerometerReader::AccelerometerReader(std::unique_ptr<accel::SampleSource> so
                                          SampleHandler handler)
     : shared_(std::make_shared<Shared>()) {
     auto shared = shared_;
-    shared_->thread = std::thread([shared, handler = std::move(handler),
-                                   source = std::move(source)]() mutable {
-        pthread_setname_np(pthread_self(), "accel-reader");
-        const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
-        const auto periodNs = static_cast<std::int64_t>(1e9 / rate);
-        std::int64_t next = monotonicNs();
-        std::vector<accel::Sample> samples;
-        struct Counts {
-            std::int16_t x, y, z;
-        };
-        std::vector<Counts> pending;
-        std::int64_t lastPost = monotonicNs();
-        // One task for everything pending, in order. `delivering` is cleared on the main
-        // thread by stop(), before the handler's owner can go away; tasks still queued
-        // then do nothing.
-        auto postPending = [&](std::int64_t now) {
-            MainQueue::post([shared, handler, batch = std::move(pending)] {
-                for (const Counts& c : batch) {
-                    if (!shared->delivering.load()) {
-                        return;
+    shared_->thread =
+        std::thread([shared, handler = std::move(handler), source = std::move(source)]() mutable {
+            pthread_setname_np(pthread_self(), "accel-reader");
+            const double rate = source->rateHz() > 0 ? source->rateHz() : 20.0;
+            const auto periodNs = static_cast<std::int64_t>(1e9 / rate);
+            std::int64_t next = monotonicNs();
+            std::vector<accel::Sample> samples;
+            // Biased sensors read more or less than 1 g at rest: scale that away before the
+            // detector measures the jolt.
+            GravityCalibration calibration;
+            struct Counts {
+                std::int16_t x, y, z;
+            };
+            std::vector<Counts> pending;
+            std::int64_t lastPost = monotonicNs();
+            // One task for everything pending, in order. `delivering` is cleared on the main
+            // thread by stop(), before the handler's owner can go away; tasks still queued
+            // then do nothing.
+            auto postPending = [&](std::int64_t now) {
+                MainQueue::post([shared, handler, batch = std::move(pending)] {
+                    for (const Counts& c : batch) {
+                        if (!shared->delivering.load()) {
+                            return;
+                        }
+                        handler(c.x, c.y, c.z);
                     }
-                    handler(c.x, c.y, c.z);
+                });
+                pending.clear();
+                lastPost = now;
+            };
+            while (!shared->stopRequested.load()) {
+                samples.clear();
+                std::string error;
+                if (!source->read(samples, error)) {
+                    logLine(QStringLiteral("Bonkwell: reading the accelerometer failed (%1). "
+                                           "Accelerometer unavailable.")
+                                .arg(QString::fromStdString(error)));
+                    break;
                 }
-            });
-            pending.clear();
-            lastPost = now;
-        };
-        while (!shared->stopRequested.load()) {
-            samples.clear();
-            std::string error;
-            if (!source->read(samples, error)) {
-                logLine(QStringLiteral("Bonkwell: reading the accelerometer failed (%1). "
-                                       "Accelerometer unavailable.")
-                            .arg(QString::fromStdString(error)));
-                break;
+                // Once stopped, post nothing more: the owner may be on its way out.
+                if (shared->stopRequested.load()) {
+                    break;
+                }
+                const double urgentAbove = shared->urgentAbove.load();
+                bool urgent = false;
+                for (const auto& sample : samples) {
+                    const accel::Vec3 g = calibration.apply(sample.g, sample.time);
+                    const Counts c{toCounts(g.x), toCounts(g.y), toCounts(g.z)};
+                    pending.push_back(c);
+                    // The detector's own measure, on the same counts.
+                    const double x = c.x / 1024.0;
+                    const double y = c.y / 1024.0;
+                    const double z = c.z / 1024.0;
+                    const double magnitude = std::fabs(std::sqrt(x * x + y * y + z * z) - 1.0);
+                    urgent = urgent || !(magnitude <= urgentAbove);
+                }
+                const std::int64_t now = monotonicNs();
+                const auto batchNs = static_cast<std::int64_t>(
+                    shared->quietBatchSeconds.load() * 1e9 - 0.5 * periodNs);
+                if (!pending.empty() && (urgent || now - lastPost >= batchNs)) {
+                    postPending(now);
+                }
+                next += periodNs;
+                if (next < now) {
+                    next = now;  // a slow read: do not try to catch up
+                }
+                // Long periods are slept in slices, so that stop() is heard in time.
+                for (std::int64_t at = now; at < next && !shared->stopRequested.load();) {
+                    at = std::min(next, at + kLongestSleepNs);
+                    sleepUntil(at);
+                }
             }
-            // Once stopped, post nothing more: the owner may be on its way out.
-            if (shared->stopRequested.load()) {
-                break;
-            }
-            const double urgentAbove = shared->urgentAbove.load();
-            bool urgent = false;
-            for (const auto& sample : samples) {
-                const Counts c{toCounts(sample.g.x), toCounts(sample.g.y), toCounts(sample.g.z)};
-                pending.push_back(c);
-                // The detector's own measure, on the same counts.
-                const double x = c.x / 1024.0;
-                const double y = c.y / 1024.0;
-                const double z = c.z / 1024.0;
-                const double magnitude = std::fabs(std::sqrt(x * x + y * y + z * z) - 1.0);
-                urgent = urgent || !(magnitude <= urgentAbove);
-            }
-            const std::int64_t now = monotonicNs();
-            const auto batchNs =
-                static_cast<std::int64_t>(shared->quietBatchSeconds.load() * 1e9 - 0.5 * periodNs);
-            if (!pending.empty() && (urgent || now - lastPost >= batchNs)) {
-                postPending(now);
-            }
-            next += periodNs;
-            if (next < now) {
-                next = now;  // a slow read: do not try to catch up
-            }
-            // Long periods are slept in slices, so that stop() is heard in time.
-            for (std::int64_t at = now; at < next && !shared->stopRequested.load();) {
-                at = std::min(next, at + kLongestSleepNs);
-                sleepUntil(at);
-            }
-        }
-        source->restore();
-        source.reset();
-        std::lock_guard lock(shared->mutex);
-        shared->finished = true;
-        shared->finishedChanged.notify_all();
-    });
+            source->restore();
+            source.reset();
+            std::lock_guard lock(shared->mutex);
+            shared->finished = true;
+            shared->finishedChanged.notify_all();
+        });
 }
 
 AccelerometerReader::~AccelerometerReader() {

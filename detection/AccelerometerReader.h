@@ -2,7 +2,8 @@
 // The in-process accelerometer reader: polls the IIO sysfs attributes or a lis3lv02d /
 // hdaps / applesmc `position` file on a thread of its own (a single read can take seconds on
 // some machines) and hands each sample to the main thread, in order, as signed 16-bit counts
-// of 1/1024 g.
+// of 1/1024 g, calibrated so that the acceleration's length at rest reads 1 g (see
+// GravityCalibration).
 #pragma once
 
 #include "AccelDevice.h"

@@ -125,6 +125,11 @@ QWidget* PopoverView::buildBanner() {
     installButton_->setObjectName(QStringLiteral("installButton"));
     style::setTextStyle(installButton_, TextStyle::caption);
     installButton_->setAutoDefault(false);
+    installButton_->setToolTip(
+        QStringLiteral("Install the detection engine in Settings → General: it feels slaps from "
+                       "every direction. Without it, only slaps on the lid or the palm rest, "
+                       "along gravity, are felt."));
+    installButton_->setAccessibleDescription(installButton_->toolTip());
     connect(installButton_, &QPushButton::clicked, this, [this] {
         if (openSettings_) {
             openSettings_();
@@ -295,13 +300,20 @@ void PopoverView::updateIcons() {
     // Prominent: filled with the accent colour, in the theme's highlighted text colour.
     const QColor fill = style::accent(p);
     const QColor text = p.color(QPalette::HighlightedText);
-    testButton_->setStyleSheet(
-        QStringLiteral("QPushButton { background-color: %1; color: %2; border: 1px solid %3;"
-                       " border-radius: 5px; padding: 4px 14px; font-weight: 600; }"
-                       " QPushButton:hover { background-color: %4; }"
-                       " QPushButton:pressed { background-color: %3; }")
-            .arg(fill.name(), text.name(), fill.darker(125).name(), fill.lighter(110).name()));
+    const auto prominent = [&](const QString& padding) {
+        return QStringLiteral(
+                   "QPushButton { background-color: %1; color: %2; border: 1px solid %3;"
+                   " border-radius: 5px; padding: %5; font-weight: 600; }"
+                   " QPushButton:hover { background-color: %4; }"
+                   " QPushButton:pressed { background-color: %3; }")
+            .arg(fill.name(), text.name(), fill.darker(125).name(), fill.lighter(110).name(),
+                 padding);
+    };
+    testButton_->setStyleSheet(prominent(QStringLiteral("4px 14px")));
     testButton_->setIcon(symbols::icon(QStringLiteral("play.fill"), text));
+    // Without the engine only jolts along gravity count: installing it is the next step, so
+    // its button stands out the same way.
+    installButton_->setStyleSheet(prominent(QStringLiteral("2px 10px")));
     // Quit is destructive: red text.
     QPalette quitPalette = p;
     quitPalette.setColor(QPalette::ButtonText, style::destructiveText(p));

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -87,6 +88,17 @@ class AccelerometerReaderTest : public ::testing::Test {
     }
     void TearDown() override { detector.stop(); }
 
+    // The reader hands on each sample scaled so that the length at rest reads 1 g: the
+    // direction of (x, y, z) kept, the length 1 (to within a count per axis).
+    void expectCalibrated(double x, double y, double z) {
+        const double length = std::sqrt(x * x + y * y + z * z);
+        const double count = 1.0 / 1024;
+        EXPECT_NEAR(detector.lastX(), x / length, count);
+        EXPECT_NEAR(detector.lastY(), y / length, count);
+        EXPECT_NEAR(detector.lastZ(), z / length, count);
+        EXPECT_LT(lastMagnitude, 2 * count);
+    }
+
     test::LogCapture logs;
     SlapDetector detector;
     int samples = 0;
@@ -101,10 +113,9 @@ TEST_F(AccelerometerReaderTest, AppliesScaleAndMountMatrix) {
     bed.addFile(kData + "iio-poll-i2c-like.umockdev");
     detector.start();
     ASSERT_TRUE(spinUntil([&] { return samples >= 3; }, 3.0));
-    // raw (-7, -1019, 31) at 1024 counts per g, turned by "0, -1, 0; -1, 0, 0; 0, 0, -1".
-    EXPECT_DOUBLE_EQ(detector.lastX(), 1019.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastY(), 7.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastZ(), -31.0 / 1024);
+    // raw (-7, -1019, 31) at 1024 counts per g, turned by "0, -1, 0; -1, 0, 0; 0, 0, -1",
+    // then scaled so that its length at rest reads 1 g.
+    expectCalibrated(1019, 7, -31);
     EXPECT_TRUE(
         logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
 }
@@ -114,10 +125,8 @@ TEST_F(AccelerometerReaderTest, AppliesTinyHidScales) {
     bed.addFile(kData + "iio-poll-hid-like.umockdev");
     detector.start();
     ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
-    // raw × 0.00001 m/s² ÷ 9.80665 m/s² per g × 1024, rounded.
-    EXPECT_DOUBLE_EQ(detector.lastX(), -5.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastY(), -999.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastZ(), -217.0 / 1024);
+    // raw × 0.00001 m/s² ÷ 9.80665 m/s² per g × 1024: (-5, -999, -217), calibrated.
+    expectCalibrated(-5, -999, -217);
 }
 
 TEST_F(AccelerometerReaderTest, ReadsTheLisPositionFile) {
@@ -125,10 +134,8 @@ TEST_F(AccelerometerReaderTest, ReadsTheLisPositionFile) {
     bed.addFile(kData + "lis3-like.umockdev");
     detector.start();
     ASSERT_TRUE(spinUntil([&] { return samples >= 3; }, 3.0));
-    // (-18,12,1002) milli-g.
-    EXPECT_DOUBLE_EQ(detector.lastX(), -18.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastY(), 12.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastZ(), 1026.0 / 1024);
+    // (-18,12,1002) milli-g, calibrated.
+    expectCalibrated(-18, 12, 1002);
     // The input device and the position file are the same accelerometer.
     EXPECT_TRUE(
         logs.lines().contains(QStringLiteral("Bonkwell: matched 1 accelerometer device(s)")));
@@ -141,10 +148,8 @@ TEST_F(AccelerometerReaderTest, ReadsTheAppleSmcPositionFile) {
         "A: position=(10,-5,250)\\n\n");
     detector.start();
     ASSERT_TRUE(spinUntil([&] { return samples >= 2; }, 3.0));
-    // About 256 counts per g.
-    EXPECT_DOUBLE_EQ(detector.lastX(), 40.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastY(), -20.0 / 1024);
-    EXPECT_DOUBLE_EQ(detector.lastZ(), 1000.0 / 1024);
+    // About 256 counts per g: (40, -20, 1000) / 1024 g, calibrated.
+    expectCalibrated(40, -20, 1000);
 }
 
 TEST_F(AccelerometerReaderTest, TwoAxisHdapsLetsZCarryGravity) {
@@ -178,6 +183,61 @@ TEST_F(AccelerometerReaderTest, ASpikeGivesExactlyOneSlapAndStillnessNone) {
     ASSERT_EQ(slaps.size(), 1u);
     EXPECT_NEAR(slaps[0], 0.21, 0.01);
     EXPECT_EQ(detector.slapCount(), 1);
+}
+
+namespace {
+
+// A polled IIO accelerometer at 100 Hz and 1024 counts per g whose zero-g offsets are
+// `x`, `y`, `z` counts, lying flat and still: what a new user's machine looks like.
+std::string biasedStillDevice(int x, int y, int z) {
+    return "P: /devices/platform/test-i2c/i2c-TEST0300:00/iio:device0\nN: iio:device0\n"
+           "E: DEVNAME=/dev/iio:device0\nE: DEVTYPE=iio_device\nE: SUBSYSTEM=iio\n"
+           "A: dev=250:0\\n\nA: name=test-accel-biased\\n\n"
+           "A: in_accel_x_raw=" +
+           std::to_string(x) + "\\n\nA: in_accel_y_raw=" + std::to_string(y) +
+           "\\n\nA: in_accel_z_raw=" + std::to_string(z) +
+           "\\n\n"
+           "A: in_accel_scale=0.009576806\\n\nA: sampling_frequency=100.000000\\n\n";
+}
+
+}  // namespace
+
+// 40, -30 and 1075 mg: within what common chips specify after mounting, and 0.075 g off at
+// rest, which the plain rule would call a slap every cooldown from the first sample on.
+TEST_F(AccelerometerReaderTest, ABiasedStillDeviceCountsNothingForTenSeconds) {
+    Testbed bed;
+    bed.addString(biasedStillDevice(41, -31, 1101));
+    detector.start();
+    spinFor(10.0);
+    EXPECT_GT(samples, 500);  // about 100 Hz, all of them looked at
+    EXPECT_TRUE(slaps.empty()) << slaps.size() << " slaps, the first " << slaps.front();
+    EXPECT_EQ(detector.slapCount(), 0);
+    EXPECT_LT(lastMagnitude, 0.005);
+}
+
+// The other way round, and more: (-100, 100, -900) mg reads 0.911 g at rest.
+TEST_F(AccelerometerReaderTest, ALightSensorUpsideDownCountsNothingEither) {
+    Testbed bed;
+    bed.addString(biasedStillDevice(-102, 102, -922));
+    detector.start();
+    spinFor(5.0);
+    EXPECT_GT(samples, 250);
+    EXPECT_TRUE(slaps.empty()) << slaps.size() << " slaps";
+}
+
+TEST_F(AccelerometerReaderTest, ASlapOnABiasedDeviceStillCountsOnce) {
+    Testbed bed;
+    bed.addString(biasedStillDevice(41, -31, 1101));
+    detector.start();
+    spinFor(1.3);
+    ASSERT_TRUE(slaps.empty());
+    // 1.4 g for a moment where 1.077 g is rest: a jolt of about 0.3 g.
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "1434");
+    spinFor(0.1);
+    writeInPlace("/sys/bus/iio/devices/iio:device0/in_accel_z_raw", "1101");
+    spinFor(0.8);
+    ASSERT_EQ(slaps.size(), 1u);
+    EXPECT_NEAR(slaps[0], 1.4014 / 1.0774 - 1.0, 0.01);
 }
 
 // Samples that cannot be a slap at the current threshold spare the main thread a wake-up

@@ -4,6 +4,7 @@
 #include "Widgets.h"
 
 #include <QComboBox>
+#include <QImage>
 #include <QPushButton>
 #include <QTest>
 
@@ -126,6 +127,26 @@ TEST_F(PopoverViewTest, MissingHelperShowsTheTriangleAndAnInstallButtonThatOpens
     QTest::mouseClick(installButton(), Qt::LeftButton);
     EXPECT_EQ(settingsOpened, 1);
     EXPECT_EQ(calibrationOpened, 0);
+}
+
+// Without the engine the panel's way to it is its most visible button: filled with the
+// accent colour like the Test button, and it says what installing brings.
+TEST_F(PopoverViewTest, TheInstallButtonStandsOutAndSaysWhatTheEngineAdds) {
+    f.engine.state = InstallState::notInstalled;
+    build();
+    view->resize(view->sizeHint());
+    view->show();
+    ASSERT_TRUE(installButton()->isVisible());
+    const QImage install = installButton()->grab().toImage();
+    const QImage test =
+        child<QPushButton>(view.get(), QStringLiteral("testButton"))->grab().toImage();
+    // A point in the left padding, clear of the text and the rounded corners.
+    const QColor installFill = install.pixelColor(6, install.height() / 2);
+    const QColor testFill = test.pixelColor(6, test.height() / 2);
+    EXPECT_EQ(installFill.name(), testFill.name());
+    EXPECT_NE(installFill.name(), view->palette().color(QPalette::Button).name());
+    EXPECT_TRUE(installButton()->toolTip().contains(QStringLiteral("every direction")));
+    EXPECT_TRUE(installButton()->toolTip().contains(QStringLiteral("Settings → General")));
 }
 
 TEST_F(PopoverViewTest, TheInstallStateIsReadAgainOnRefreshAndOnModelChangesOnly) {
