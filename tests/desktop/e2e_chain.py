@@ -3,11 +3,13 @@
 """The whole chain, from a jolt of the accelerometer to a sound: run inside
 session.sh --tray sni --sound.
 
-  e2e_chain.py --app BIN --device FIXTURE.umockdev
+  e2e_chain.py --app BIN --device FIXTURE.umockdev [--rest-z N --spike-z N --still-seconds S]
 
 The app runs under umockdev-run on an emulated IIO accelerometer (polled through sysfs) with
 the helper not installed, so it listens with the in-process detector. While the device is
-still, nothing is counted and the null sink stays silent. A spike written to the emulated
+still, nothing is counted and the null sink stays silent (also on a device whose length at rest
+is not 1 g: the in-process reader learns what it reads at rest; start-up included, since the app
+starts with an empty Today). A spike written to the emulated
 device's raw Z value raises "Today" in the open panel and `todayCount` in the stored settings
 by exactly one, and a sound reaches the null sink's monitor.
 """
@@ -25,8 +27,6 @@ from desktop_driver import App, Failure, StatusNotifierItem  # noqa: E402
 RATE = 48000
 # 16-bit samples: the clips peak far above this; the null sink's silence is exactly 0.
 AUDIBLE = 300
-REST_Z = "31"
-SPIKE_Z = "700"  # about 0.7 g away from rest on the Z axis
 
 
 class Recorder:
@@ -108,14 +108,14 @@ def write_in_place(path, value):
         f.write(value + "\n")
 
 
-def run_chain(app, shots):
+def run_chain(app, shots, recording, rest_z, spike_z, still_seconds):
     app.wait_event(r"tray icon shown \(StatusNotifierItem\)", 30)
     if "Bonkwell: matched 1 accelerometer device(s)" not in app.log:
         time.sleep(1)
         if "Bonkwell: matched 1 accelerometer device(s)" not in app.log:
             raise Failure("the in-process reader did not find the emulated accelerometer")
     z_path = raw_z_path(app)
-    recorder = Recorder(os.path.join(shots, "chain-null-sink.raw"))
+    recorder = Recorder(os.path.join(shots, recording))
     try:
         item = StatusNotifierItem(os.environ["BONKWELL_SNI_LOG"])
         item.call("Activate", 640, 12)
@@ -128,18 +128,20 @@ def run_chain(app, shots):
         if before != today:
             raise Failure(f"the panel shows Today {today}, the stored settings {before}")
         print(f"panel open: Today {today}; engine row: {status}")
+        if today != 0:  # a fresh settings folder, so every slap counted came from the device
+            raise Failure(f"a still device counted {today} slap(s) while the app started")
 
         # Still: no slap.
-        if not no_event(app, r"panel text todayCount .*", 2.5):
+        if not no_event(app, r"panel text todayCount .*", still_seconds):
             raise Failure("a still device raised Today")
         if stored_today(app, today) != today:
             raise Failure("a still device changed todayCount")
         spike_at = time.monotonic() - recorder.started
 
         # One spike.
-        write_in_place(z_path, SPIKE_Z)
+        write_in_place(z_path, spike_z)
         time.sleep(0.25)
-        write_in_place(z_path, REST_Z)
+        write_in_place(z_path, rest_z)
         shown = int(app.wait_event(r"panel text todayCount (\d+)", 5).group(1))
         if shown != today + 1:
             raise Failure(f"after one spike the panel shows Today {shown}, expected {today + 1}")
@@ -190,6 +192,10 @@ def main():
     parser.add_argument("--app", required=True)
     parser.add_argument("--device", required=True)
     parser.add_argument("--shots", required=True)
+    # The device's raw Z at rest, and a value about 0.2 g or more away from rest along Z.
+    parser.add_argument("--rest-z", default="31")
+    parser.add_argument("--spike-z", default="700")
+    parser.add_argument("--still-seconds", type=float, default=2.5)
     args = parser.parse_args()
     for tool in ("umockdev-run", "parec"):
         if subprocess.run(["sh", "-c", f"command -v {tool}"], capture_output=True).returncode:
@@ -200,7 +206,10 @@ def main():
     app = App(args.app, home, launcher=["umockdev-run", "-d", args.device, "--"])
     try:
         try:
-            run_chain(app, args.shots)
+            # One recording per device, so that two of these runs never share a file.
+            device = os.path.splitext(os.path.basename(args.device))[0]
+            run_chain(app, args.shots, f"chain-null-sink-{device}.raw", args.rest_z,
+                      args.spike_z, args.still_seconds)
         finally:
             app.stop()
         time.sleep(0.3)  # the last lines of stderr
