@@ -139,8 +139,8 @@ void MenuBarController::start(int trayTimeoutMs) {
 }
 
 void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
-    trayIcon_ = std::make_unique<QSystemTrayIcon>();
-    updateTrayIcon();
+    shownVariant_ = iconVariant();
+    trayIcon_ = std::make_unique<QSystemTrayIcon>(trayicon::makeIcon(*shownVariant_));
     trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
     // The same menu for every host: hosts that draw the menu themselves export this one.
     trayIcon_->setContextMenu(&menu_);
@@ -148,6 +148,7 @@ void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
             [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
     trayIcon_->show();
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
+    testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
 
 void MenuBarController::showFallbackWindow() {
