@@ -156,6 +156,22 @@ TEST_F(PanelPlacementTest, ThePanelOpensWhereTheTrayHostSaysTheClickWas) {
     EXPECT_NEAR(panel.center().x(), click.x(), 1);
 }
 
+TEST_F(PanelPlacementTest, TheWholePanelFitsItsWindowDownToTheBottomRow) {
+    menuBar.togglePopover();
+    ASSERT_TRUE(menuBar.panelShown());
+    QWidget* window = menuBar.panel();
+    auto* quit = window->findChild<QWidget*>(QStringLiteral("quitButton"));
+    ASSERT_NE(quit, nullptr);
+    const QRect inWindow(quit->mapTo(window, QPoint(0, 0)), quit->size());
+    EXPECT_TRUE(window->rect().contains(inWindow))
+        << "quit button at " << inWindow.y() << "+" << inWindow.height() << " in a window "
+        << window->height() << " high";
+    auto* view = window->findChild<PopoverView*>();
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(view->height(), view->sizeHint().height());
+    EXPECT_EQ(view->width(), PopoverView::kWidth);
+}
+
 TEST_F(PanelPlacementTest, TheIconClickThatClosesThePanelIsToldAsSuch) {
     menuBar.togglePopover();
     ASSERT_TRUE(menuBar.panelShown());
