@@ -79,6 +79,15 @@ def expect_window_icon(title):
         raise Failure(f"the window {title!r} has no icon: {icon.strip()[:200]}")
 
 
+PIXBUF_CHECK = """
+import sys, gi
+gi.require_version("GdkPixbuf", "2.0")
+from gi.repository import GdkPixbuf
+pixbuf = GdkPixbuf.Pixbuf.new_from_file_at_size(sys.argv[1], 16, 16)
+print(f"{pixbuf.get_width()}x{pixbuf.get_height()}")
+"""
+
+
 def tray_lightness(icon):
     """The lightness (0 to 1) of the tray just inside the icon's corner, on a screenshot."""
     x, y, _, _ = icon
@@ -112,6 +121,13 @@ def check_icon_variant(app, item, icon=None):
         svg = "hicolor/symbolic/apps/com.bonkwell.Bonkwell-symbolic.svg"
         if not m or not os.path.exists(os.path.join(m.group(1), svg)):
             raise Failure(f"the tray item's icon theme path has no {svg}: {out.strip()}")
+        # GTK panels (GNOME's extension, XFCE) load it through gdk-pixbuf, which must
+        # recognise it as an SVG.
+        loaded = run("/usr/bin/python3", "-c", PIXBUF_CHECK, os.path.join(m.group(1), svg),
+                     check=False)
+        if loaded.strip() != "16x16":
+            raise Failure(f"gdk-pixbuf cannot load the symbolic icon: {loaded.strip()!r}")
+        print("the symbolic icon loads as a GTK panel loads it")
 
 
 def run_tray(args, app):
