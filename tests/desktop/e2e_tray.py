@@ -96,6 +96,24 @@ def tray_lightness(icon):
     return float(out.strip())
 
 
+def expect_new_icon_on_colour_change(item):
+    """KDE's colour scheme signal makes the item announce its icon again (NewIcon), so the
+    panel draws the symbolic icon in its new colour."""
+    monitor = subprocess.Popen(["dbus-monitor", "--session",
+                                f"type='signal',sender='{item.service}',member='NewIcon'"],
+                               stdout=subprocess.PIPE, text=True)
+    try:
+        time.sleep(0.5)  # the monitor's match rule is in place
+        run("gdbus", "emit", "--session", "--object-path", "/KGlobalSettings", "--signal",
+            "org.kde.KGlobalSettings.notifyChange", "0", "0")
+        time.sleep(1)
+    finally:
+        monitor.terminate()
+    if "member=NewIcon" not in monitor.communicate(timeout=10)[0]:
+        raise Failure("the tray item did not announce a new icon after a colour scheme change")
+    print("a colour scheme change makes the item announce its icon again")
+
+
 def check_icon_variant(app, item, icon=None):
     """The icon says which variant it shows; a D-Bus host also gets the symbolic icon's name."""
     m = app.wait_event(r"tray icon theme (light|dark)", 5)
@@ -128,6 +146,7 @@ def check_icon_variant(app, item, icon=None):
         if loaded.strip() != "16x16":
             raise Failure(f"gdk-pixbuf cannot load the symbolic icon: {loaded.strip()!r}")
         print("the symbolic icon loads as a GTK panel loads it")
+        expect_new_icon_on_colour_change(item)
 
 
 def run_tray(args, app):

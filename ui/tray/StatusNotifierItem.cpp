@@ -100,6 +100,12 @@ void StatusNotifierItemAdaptor::ContextMenu(int x, int y) {
 
 void StatusNotifierItemAdaptor::Scroll(int, const QString&) {}
 
+void StatusNotifierItemAdaptor::desktopColorsChanged() {
+    if (item_->shown_) {
+        emit NewIcon();
+    }
+}
+
 // --- com.canonical.dbusmenu
 
 DBusMenuAdaptor::DBusMenuAdaptor(StatusNotifierItem* item)
@@ -237,6 +243,10 @@ bool StatusNotifierItem::show() {
     }
     shown_ = true;
     registerWithWatcher();
+    // KDE announces a new colour scheme to every app this way.
+    bus_.connect(QString(), QStringLiteral("/KGlobalSettings"),
+                 QStringLiteral("org.kde.KGlobalSettings"), QStringLiteral("notifyChange"),
+                 itemAdaptor_, SLOT(desktopColorsChanged()));
     // A panel that restarts (or a watcher that comes back) learns of the item again.
     if (watcherWatch_ == nullptr) {
         watcherWatch_ = new QDBusServiceWatcher(kWatcher, bus_,
@@ -264,6 +274,9 @@ void StatusNotifierItem::hide() {
         return;
     }
     shown_ = false;
+    bus_.disconnect(QString(), QStringLiteral("/KGlobalSettings"),
+                    QStringLiteral("org.kde.KGlobalSettings"), QStringLiteral("notifyChange"),
+                    itemAdaptor_, SLOT(desktopColorsChanged()));
     bus_.unregisterService(serviceName_);
     bus_.unregisterObject(kMenuPath);
     bus_.unregisterObject(kItemPath);

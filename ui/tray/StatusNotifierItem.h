@@ -78,6 +78,11 @@ class StatusNotifierItemAdaptor : public QDBusAbstractAdaptor {
     void NewToolTip();
     void NewStatus(const QString& status);
 
+  private slots:
+    // The desktop changed its colours (KDE's global settings signal): hosts that recolour the
+    // symbolic icon draw it again in the new colour once told the icon changed.
+    void desktopColorsChanged();
+
   private:
     StatusNotifierItem* item_;
 };
