@@ -9,6 +9,7 @@
 #include "TaskbarPresence.h"
 #include "TestEvents.h"
 #include "Widgets.h"
+#include "WindowHost.h"
 
 #include <QApplication>
 #include <QCloseEvent>
@@ -26,9 +27,11 @@
 namespace bonkwell {
 namespace {
 
-// A click outside the open panel closes it before the tray sees the click; a trigger that
-// close behind it is that same click and must not reopen the panel.
-constexpr qint64 kReopenGuardMs = 250;
+// How long after showing the icon the panel behind it is looked at.
+constexpr int kLookAtPanelMs = 1500;
+
+// How long the desktop has to bring a window forward before the log says it did not.
+constexpr int kActivationCheckMs = 1000;
 
 // Closing the fallback window ends the app.
 class FallbackWindow final : public QWidget {
@@ -84,10 +87,7 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
       engine_(engine),
       desktop_(desktop) {
     QPointer<MenuBarController> weak(this);
-    popup_ = std::make_unique<QWidget>(nullptr, Qt::Popup | Qt::FramelessWindowHint);
-    popup_->setObjectName(QStringLiteral("panelPopup"));
-    auto* layout = new QVBoxLayout(popup_.get());
-    layout->setContentsMargins(0, 0, 0, 0);
+    panelHost_ = std::make_unique<PanelHost>(PanelHost::styleForPlatform());
     popover_ = new PopoverView(
         state_, detector_, audio_, packManager_, engine_,
         [weak] {
@@ -101,8 +101,9 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
             }
         },
         [] { QCoreApplication::quit(); });
-    layout->addWidget(popover_);
-    popup_->installEventFilter(this);
+    panelHost_->setContent(popover_);
+    // The menu's place on screen, and the desktop's theme, which the icon follows.
+    qApp->installEventFilter(this);
 
     watchWindowsForTests(this);
     // For the desktop tests: what the open panel's "Today" counter shows, each time it changes.
@@ -111,7 +112,7 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
             // Will-set: the label takes the new value during this call; read it afterwards.
             QTimer::singleShot(0, weak, [weak] {
                 if (weak && weak->panelShown()) {
-                    reportText(weak->popup_.get(), QStringLiteral("todayCount"));
+                    reportText(weak->panel(), QStringLiteral("todayCount"));
                 }
             });
         });
@@ -119,7 +120,8 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
 
     connect(&menu_, &QMenu::aboutToShow, this, [this] {
         rebuildMenu();
-        testEvent(QStringLiteral("menu shown"));
+        // The click that opened the menu also closed the panel.
+        panelHost_->justHidden(PanelHost::HideReason::menu);
     });
     rebuildMenu();
 }
@@ -137,20 +139,31 @@ void MenuBarController::start(int trayTimeoutMs) {
                 showFallbackWindow();
             } else {
                 createTrayIcon(host);
+                retireFallbackWindow();
             }
         },
         trayTimeoutMs);
 }
 
 void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
-    trayIcon_ = std::make_unique<QSystemTrayIcon>(makeIcon());
+    shownVariant_ = iconVariant();
+    trayIcon_ = host == TrayWaiter::Host::statusNotifier ? makeStatusNotifierTrayIcon()
+                                                         : makeXEmbedTrayIcon();
+    trayIcon_->setIcon(trayicon::makeIcon(*shownVariant_));
     trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
-    // The same menu for every host: hosts that draw the menu themselves export this one.
+    // The same menu for every host: hosts that draw the menu themselves get it exported.
     trayIcon_->setContextMenu(&menu_);
-    connect(trayIcon_.get(), &QSystemTrayIcon::activated, this,
-            [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
-    trayIcon_->show();
+    trayIcon_->setActivationHandler(
+        [this](QSystemTrayIcon::ActivationReason reason, std::optional<QPoint> at) {
+            handleActivation(reason, at);
+        });
+    if (!trayIcon_->show()) {
+        logLine(QStringLiteral("Bonkwell: the tray icon could not be shown"));
+    }
+    // Once the tray has placed the icon, the panel behind it can be looked at.
+    QTimer::singleShot(kLookAtPanelMs, this, [this] { updateTrayIcon(); });
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
+    testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
 
 void MenuBarController::showFallbackWindow() {
@@ -163,12 +176,14 @@ void MenuBarController::showFallbackWindow() {
     // only come back by starting the app again.
     window->setProperty(TaskbarPresence::kAlwaysInTaskbar, true);
     window->setAttribute(Qt::WA_DeleteOnClose);
+    window->setObjectName(QStringLiteral("fallbackWindow"));
     window->setWindowTitle(QStringLiteral("Bonkwell"));
-    window->setWindowIcon(makeIcon());
+    window->setWindowIcon(symbols::appIcon());
     auto* layout = new QVBoxLayout(window);
     layout->setContentsMargins(0, 0, 0, 0);
-    // The panel moves from the popup into the window for the rest of the run.
-    popup_->hide();
+    layout->setSizeConstraint(QLayout::SetFixedSize);
+    // The panel moves from the popup into the window until a tray shows up.
+    panelHost_->window()->hide();
     layout->addWidget(popover_);
     fallbackWindow_ = window;
     popover_->refresh();
@@ -176,7 +191,13 @@ void MenuBarController::showFallbackWindow() {
     testEvent(QStringLiteral("window shown Bonkwell"));
 }
 
-void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason) {
+void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason,
+                                         std::optional<QPoint> at) {
+    if (at) {
+        activationPoint_ = at;
+    }
+    // The panel may have changed its colours since (a theme the app is not told about).
+    updateTrayIcon();
     switch (reason) {
         case QSystemTrayIcon::Trigger:
         case QSystemTrayIcon::DoubleClick:
@@ -189,90 +210,180 @@ void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reaso
     }
 }
 
+void MenuBarController::retireFallbackWindow() {
+    if (fallbackWindow_ == nullptr) {
+        return;
+    }
+    // A tray came after all: the panel goes back to dropping down from the icon, and the
+    // window goes without ending the app.
+    QWidget* window = fallbackWindow_;
+    fallbackWindow_ = nullptr;
+    window->hide();
+    panelHost_->setContent(popover_);
+    window->deleteLater();
+    testEvent(QStringLiteral("window hidden Bonkwell"));
+}
+
 QWidget* MenuBarController::panel() const {
-    return popup_.get();
+    return panelHost_->window();
 }
 
 bool MenuBarController::panelShown() const {
-    return popup_->isVisible();
+    return panelHost_->isShown();
 }
 
 void MenuBarController::togglePopover() {
+    togglePanel(PanelHost::HideReason::iconClick);
+}
+
+void MenuBarController::togglePanel(PanelHost::HideReason closeReason) {
     if (fallbackWindow_ != nullptr) {
-        fallbackWindow_->show();
-        fallbackWindow_->raise();
-        fallbackWindow_->activateWindow();
+        bringToFront(fallbackWindow_);
         return;
     }
-    if (popup_->isVisible()) {
-        popup_->close();
+    if (panelHost_->isShown()) {
+        panelHost_->hide(closeReason);
         return;
     }
-    if (QDateTime::currentMSecsSinceEpoch() - popupHiddenAtMs_ < kReopenGuardMs) {
-        return;
+    if (panelHost_->justHidden(closeReason)) {
+        return;  // the click that closed the panel a moment ago
     }
+    openPanel();
+}
+
+void MenuBarController::openPanel() {
     popover_->refresh();
-    popup_->adjustSize();
-    positionPanel();
-    popup_->show();
-    popup_->raise();
-    popup_->activateWindow();
-    popover_->setFocus(Qt::PopupFocusReason);
-    testEvent(QStringLiteral("panel shown at %1").arg(geometryText(popup_.get())));
-    reportWidgets(QStringLiteral("panel"), popup_.get());
+    panelHost_->show(panelPosition(panelHost_->panelSize()));
+    QWidget* window = panelHost_->window();
+    reportWidgets(QStringLiteral("panel"), window);
     if (testEventsEnabled()) {
-        reportText(popup_.get(), QStringLiteral("engineStatusLabel"));
-        reportText(popup_.get(), QStringLiteral("todayCount"));
+        reportText(window, QStringLiteral("engineStatusLabel"));
+        reportText(window, QStringLiteral("todayCount"));
     }
 }
 
-void MenuBarController::showPanel() {
+void MenuBarController::showPanel(const QString& activationToken) {
+    if (!activationToken.isEmpty()) {
+        // Handed to the compositor when the window asks to be activated (Wayland).
+        qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
+    }
     if (fallbackWindow_ != nullptr) {
-        fallbackWindow_->setWindowState(fallbackWindow_->windowState() & ~Qt::WindowMinimized);
-    } else if (popup_->isVisible()) {
-        popup_->raise();
-        popup_->activateWindow();
-        return;
+        bringToFront(fallbackWindow_);
+    } else if (panelHost_->isShown()) {
+        bringToFront(panelHost_->window());
+    } else {
+        openPanel();  // an explicit request, not the click that just closed the panel
     }
-    popupHiddenAtMs_ = 0;  // an explicit request, not the click that just closed the panel
-    togglePopover();
+    // Not for the helper or anything else this process starts later.
+    qunsetenv("XDG_ACTIVATION_TOKEN");
+
+    QPointer<QWidget> shown = fallbackWindow_ != nullptr ? fallbackWindow_.data() : panel();
+    const bool hadToken = !activationToken.isEmpty();
+    QTimer::singleShot(kActivationCheckMs, this, [shown, hadToken] {
+        if (shown == nullptr || !shown->isVisible() || shown->isActiveWindow() ||
+            QApplication::activePopupWidget() == shown) {
+            return;
+        }
+        logLine(QStringLiteral("Bonkwell: the desktop did not bring the Bonkwell window forward "
+                               "for this start (%1)")
+                    .arg(hadToken ? QStringLiteral("it did not honour the launcher's activation "
+                                                   "token")
+                                  : QStringLiteral("the launcher passed no activation token")));
+    });
 }
 
-void MenuBarController::positionPanel() {
-    const QSize size = popup_->size();
+void MenuBarController::setActivationPoint(const QPoint& point) {
+    activationPoint_ = point;
+}
+
+QPoint MenuBarController::panelPosition(const QSize& size) const {
     const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
-    const QPoint anchor =
-        icon.isValid() ? QPoint(icon.center().x(), icon.bottom() + 1) : QCursor::pos();
-    QScreen* screen = QGuiApplication::screenAt(anchor);
+    // The icon's place when the tray tells it; else where the host said the last click was;
+    // else the pointer, where the app knows it (plain X11: under a Wayland compositor it is
+    // only where the pointer last crossed one of our windows); else the top right corner,
+    // where trays mostly are.
+    std::optional<QPoint> anchor;
+    if (icon.isValid()) {
+        anchor = QPoint(icon.center().x(), icon.bottom() + 1);
+    } else if (activationPoint_) {
+        anchor = *activationPoint_;
+    } else if (panelHost_->style() == PanelHost::Style::popup) {
+        anchor = QCursor::pos();
+    }
+    QScreen* screen = anchor ? QGuiApplication::screenAt(*anchor) : nullptr;
     if (screen == nullptr) {
         screen = QGuiApplication::primaryScreen();
     }
     const QRect area = screen != nullptr ? screen->availableGeometry() : QRect(QPoint(), size);
-    QPoint topLeft(anchor.x() - size.width() / 2, anchor.y());
-    // A tray at the bottom of the screen: open upwards, above the icon.
-    if (icon.isValid() && topLeft.y() + size.height() > area.bottom()) {
-        topLeft.setY(icon.top() - size.height());
+    if (!anchor) {
+        return QPoint(area.right() + 1 - size.width(), area.top());
+    }
+    QPoint topLeft(anchor->x() - size.width() / 2, anchor->y());
+    // A tray at the bottom of the screen: open upwards, above the icon (or the click).
+    if (topLeft.y() + size.height() > area.bottom() && anchor->y() > area.center().y()) {
+        topLeft.setY((icon.isValid() ? icon.top() : anchor->y()) - size.height());
     }
     topLeft.setX(std::clamp(topLeft.x(), area.left(),
                             std::max(area.left(), area.right() - size.width() + 1)));
     topLeft.setY(std::clamp(topLeft.y(), area.top(),
                             std::max(area.top(), area.bottom() - size.height() + 1)));
-    popup_->move(topLeft);
+    return topLeft;
 }
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
-    if (watched == popup_.get() && event->type() == QEvent::Hide) {
-        popupHiddenAtMs_ = QDateTime::currentMSecsSinceEpoch();
-        testEvent(QStringLiteral("panel hidden"));
+    switch (event->type()) {
+        case QEvent::Show:
+            if (watched == &menu_) {
+                testEvent(QStringLiteral("menu shown at %1").arg(geometryText(&menu_)));
+            }
+            break;
+        case QEvent::ApplicationPaletteChange:
+        case QEvent::ThemeChange:
+            if (watched == qApp || watched == panelHost_->window()) {
+                updateTrayIcon();
+            }
+            break;
+        default:
+            break;
     }
     return QObject::eventFilter(watched, event);
+}
+
+trayicon::Variant MenuBarController::iconVariant() const {
+    // Where the tray says where the icon is (XEmbed), the panel behind it decides.
+    const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
+    if (icon.isValid()) {
+        if (QScreen* screen = QGuiApplication::screenAt(icon.center())) {
+            const QPoint at = icon.topLeft() - screen->geometry().topLeft();
+            const QImage behind =
+                screen->grabWindow(0, at.x(), at.y(), icon.width(), icon.height()).toImage();
+            if (const auto variant = trayicon::variantForBackground(behind)) {
+                return *variant;
+            }
+        }
+    }
+    return trayicon::variantFor(QGuiApplication::palette(),
+                                qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
+}
+
+void MenuBarController::updateTrayIcon() {
+    if (!trayIcon_) {
+        return;
+    }
+    const trayicon::Variant variant = iconVariant();
+    if (shownVariant_ == variant) {
+        return;
+    }
+    shownVariant_ = variant;
+    trayIcon_->setIcon(trayicon::makeIcon(variant));
+    testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(variant)));
 }
 
 void MenuBarController::rebuildMenu() {
     // A fresh set of items each time the menu opens.
     menu_.clear();
     QAction* open = menu_.addAction(QStringLiteral("Open Bonkwell"));
-    connect(open, &QAction::triggered, this, [this] { togglePopover(); });
+    connect(open, &QAction::triggered, this, [this] { togglePanel(PanelHost::HideReason::menu); });
     menu_.addSeparator();
     QAction* settings = menu_.addAction(QStringLiteral("Settings\u2026"));
     settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
