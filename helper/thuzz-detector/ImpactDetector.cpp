@@ -61,6 +61,7 @@ std::optional<Impact> ImpactDetector::addSample(double time, double magnitude) {
     const double dt = std::clamp(time - lastTime_, 0.0, 1.0);
     lastTime_ = std::max(lastTime_, time);
     const double jolt = std::fabs(magnitude - baseline_);
+    lastJolt_ = jolt;
 
     std::optional<Impact> result;
     if (following_) {

@@ -62,6 +62,8 @@ class ImpactDetector {
     std::optional<Impact> flush(double now);
 
     std::int64_t slapCount() const { return count_; }
+    // The jolt of the last sample fed, in g: what the threshold is compared with.
+    double lastJolt() const { return lastJolt_; }
     double baseline() const { return baseline_; }
 
   private:
@@ -84,6 +86,7 @@ class ImpactDetector {
     double lastOnset_ = 0;
     bool anySlap_ = false;
     std::int64_t count_ = 0;
+    double lastJolt_ = 0;
 };
 
 }  // namespace bonkwell::thuzz
