@@ -63,11 +63,12 @@ bench-e2e-latency: deps
 	BONKWELL_SOUND_SERVER=pulseaudio bench/e2e-latency/run default
 	BONKWELL_SOUND_SERVER=pipewire bench/e2e-latency/run default
 
-# The accelerometer helper's detection quality and idle CPU (about 3 minutes).
+# Slap detection on modelled laptop sensors (helper and in-process paths), and the helper's
+# idle CPU (about 4 minutes).
 bench-accel: deps
 	cmake --preset default
 	cmake --build --preset default -j $(JOBS) --target thuzz-detector accel_detection_quality
-	./build/default/bench/accel_detection_quality tests/data/impacts/user1_hand_1506421989895.csv
+	./build/default/bench/accel_detection_quality tests/data/impacts/*.csv
 	bench/accel/idle-cpu.sh build/default/bin/Helpers/thuzz-detector
 
 # What the views cost (build times, graph paint, CPU with samples streaming in).

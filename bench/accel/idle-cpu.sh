@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: GPL-3.0-or-later
-# The helper's CPU use on a still, emulated accelerometer of each kind, measured over
-# DURATION seconds (default 30) from /proc/PID/stat. Prints one line per source.
+# The helper's CPU use on a still, emulated accelerometer of each kind, and on a polled IIO
+# device at each sampling rate (20-400 Hz; polling stops at 200 Hz), measured over DURATION
+# seconds (default 30) from /proc/PID/stat. Prints one line per source. As root the helper
+# raises the rate of the devices that offer more; the line it prints names the rate it used.
 # Usage: bench/accel/idle-cpu.sh <path to thuzz-detector>
 set -euo pipefail
 helper="$(realpath "${1:?usage: idle-cpu.sh <thuzz-detector>}")"
@@ -36,12 +38,24 @@ measure() {
 
 # A lis3lv02d with only its position file (no input device).
 position_only="$(mktemp)"
-trap 'rm -f "$position_only"' EXIT
+scratch="$(mktemp -d)"
+trap 'rm -f "$position_only"; rm -rf "$scratch"' EXIT
 printf 'P: /devices/platform/lis3lv02d\nE: SUBSYSTEM=platform\nA: position=(-18,12,1002)\\n\nA: rate=100\\n\n' >"$position_only"
 
 echo "thuzz-detector idle CPU over ${duration} s on still emulated devices (umockdev):"
 measure "input device (evdev)" -d "$data/lis3-like.umockdev" -i "/dev/input/event7=$data/lis3-like.ioctl"
 measure "IIO buffer" -d "$data/iio-buffer-hid-like.umockdev"
-measure "IIO sysfs, 100 Hz" -d "$data/iio-poll-i2c-like.umockdev"
-measure "IIO sysfs, 10 Hz" -d "$data/iio-poll-hid-like.umockdev"
+measure "IIO sysfs (I2C-like)" -d "$data/iio-poll-i2c-like.umockdev"
+measure "IIO sysfs (HID-like)" -d "$data/iio-poll-hid-like.umockdev"
 measure "position file, 100 Hz" -d "$position_only"
+
+# A polled IIO accelerometer that offers exactly one rate, for the cost at that rate.
+for rate in 20 33 50 100 200 400; do
+    device="$scratch/iio-$rate.umockdev"
+    printf '%s\n' 'P: /devices/platform/test-i2c/i2c-TEST0200:00/iio:device0' 'N: iio:device0' \
+        'E: DEVNAME=/dev/iio:device0' 'E: DEVTYPE=iio_device' 'E: SUBSYSTEM=iio' \
+        'A: dev=250:0\n' 'A: name=test-accel-rate\n' 'A: in_accel_x_raw=12\n' \
+        'A: in_accel_y_raw=-9\n' 'A: in_accel_z_raw=1030\n' 'A: in_accel_scale=0.009576806\n' \
+        "A: sampling_frequency=$rate\\n" "A: sampling_frequency_available=$rate\\n" >"$device"
+    measure "IIO sysfs, $rate Hz" -d "$device"
+done

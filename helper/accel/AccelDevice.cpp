@@ -132,6 +132,34 @@ double readIioRate(const std::string& dir) {
     return 0.0;
 }
 
+void raiseIioRate(const std::string& dir, double limitHz, SettingChanges& changes) {
+    for (const char* name : {"in_accel_sampling_frequency", "sampling_frequency"}) {
+        const std::string path = dir + "/" + name;
+        const auto current = readAttribute(path);
+        const auto offered = readAttribute(path + "_available");
+        if (!current || !offered) {
+            continue;
+        }
+        const double now = parseDouble(*current).value_or(0.0);
+        std::string best;
+        double bestHz = now;
+        std::stringstream words(*offered);
+        std::string word;
+        while (words >> word) {
+            const auto hz = parseDouble(word);
+            if (hz && *hz > bestHz && *hz <= limitHz) {
+                bestHz = *hz;
+                best = word;
+            }
+        }
+        std::string ignored;
+        if (!best.empty()) {
+            changes.set(path, best, ignored);
+        }
+        return;
+    }
+}
+
 std::string describeIio(const std::string& device) {
     const std::string dir = std::string(kIioDevices) + "/" + device;
     std::string text = device;
@@ -162,6 +190,7 @@ class IioPollSource final : public SampleSource {
         }
     }
     int waitFd() const override { return -1; }
+    void setPollRate(double rate) { setRate(rate); }
     bool read(std::vector<Sample>& out, std::string& error) override {
         std::array<double, 3> raw{};
         for (int i = 0; i < 3; ++i) {
@@ -353,7 +382,7 @@ bool parsePosition(const std::string& text, std::array<double, 3>& out, int& axe
 }
 
 std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxHz, bool probe,
-                                          std::string& error) {
+                                          double raiseToHz, std::string& error) {
     const std::string dir = std::string(kIioDevices) + "/" + device;
     IioCalibration cal;
     if (!readIioCalibration(dir, cal, error)) {
@@ -376,8 +405,13 @@ std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxH
             return nullptr;
         }
     }
-    return std::make_unique<IioPollSource>(describeIio(device), pollRate(readIioRate(dir), maxHz),
-                                           fds, cal);
+    auto source = std::make_unique<IioPollSource>(describeIio(device),
+                                                  pollRate(readIioRate(dir), maxHz), fds, cal);
+    if (raiseToHz > 0) {
+        raiseIioRate(dir, raiseToHz, source->changes());
+        source->setPollRate(pollRate(readIioRate(dir), maxHz));
+    }
+    return source;
 }
 
 std::unique_ptr<SampleSource> openPosition(const PositionFile& file, double maxHz, bool probe,
@@ -436,9 +470,10 @@ OpenResult openAccelerometer(const OpenOptions& options) {
              : 0);
 
     std::string why;
+    const double raiseToHz = options.raiseRate ? options.maxRaisedHz : 0.0;
     if (options.allowBuffer) {
         for (const auto& device : withBuffer) {
-            if (auto s = openIioBuffer(device, why)) {
+            if (auto s = openIioBuffer(device, raiseToHz, why)) {
                 result.source = std::move(s);
                 return result;
             }
@@ -447,7 +482,7 @@ OpenResult openAccelerometer(const OpenOptions& options) {
     }
     if (options.allowEvdev) {
         for (const auto& event : events) {
-            if (auto s = openEvdev(event, why)) {
+            if (auto s = openEvdev(event, raiseToHz, why)) {
                 result.source = std::move(s);
                 return result;
             }
@@ -456,7 +491,8 @@ OpenResult openAccelerometer(const OpenOptions& options) {
     }
     if (options.allowSysfsPoll) {
         for (const auto& device : withRaw) {
-            if (auto s = openIioPoll(device, options.maxPollHz, options.probePolled, why)) {
+            if (auto s =
+                    openIioPoll(device, options.maxPollHz, options.probePolled, raiseToHz, why)) {
                 result.source = std::move(s);
                 return result;
             }

@@ -10,6 +10,8 @@
 // Only compiled-in paths and strictly enumerated /sys and /dev entries are opened.
 #pragma once
 
+#include "SettingChanges.h"
+
 #include <array>
 #include <memory>
 #include <optional>
@@ -62,15 +64,21 @@ class SampleSource {
     // Event-driven: takes every sample waiting. Polled: takes one sample. Appends to `out`.
     // Returns false on an error that ends the source, with the reason in `error`.
     virtual bool read(std::vector<Sample>& out, std::string& error) = 0;
-    // Puts back every sysfs value the source changed. Safe to call more than once, also from
-    // a shutdown path after privileges were dropped (descriptors were opened beforehand).
-    virtual void restore() {}
+    // Puts back every device setting the source changed (all of them are recorded in
+    // changes()). Safe to call more than once, also from a shutdown path after privileges were
+    // dropped or in a forked copy (descriptors were opened beforehand).
+    void restore() { changes_.restore(); }
+    // The settings changed so far; a source records each change here as it makes it.
+    SettingChanges& changes() { return changes_; }
+    const SettingChanges& changes() const { return changes_; }
 
   protected:
     SampleSource(SourceKind kind, std::string description, double rateHz)
         : kind_(kind), description_(std::move(description)), rateHz_(rateHz) {}
+    void setRate(double rateHz) { rateHz_ = rateHz; }
 
   private:
+    SettingChanges changes_;
     SourceKind kind_;
     std::string description_;
     double rateHz_;
@@ -82,6 +90,11 @@ struct OpenOptions {
     bool allowSysfsPoll = true;
     bool allowPosition = true;
     double maxPollHz = 100.0;
+    // Raise the device's own rate (IIO sampling_frequency from its _available list, the
+    // lis3lv02d input device's poll interval) up to maxRaisedHz. Needs root; every change is
+    // recorded in the source's changes() and put back by restore().
+    bool raiseRate = false;
+    double maxRaisedHz = 200.0;
     // Read each polled source once while opening, so that a busy or broken one is skipped.
     // Off for callers on a thread that must not wait for a slow bus.
     bool probePolled = true;

@@ -34,10 +34,17 @@ std::string describeIio(const std::string& device);
 // device.
 int openCharDevice(const std::string& path);
 
-std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::string& error);
-std::unique_ptr<SampleSource> openEvdev(const std::string& event, std::string& error);
+// Sets the device's sampling frequency to the highest rate it offers up to `limitHz`, when
+// that is above the current one; the change goes into `changes`. Best effort: a device that
+// offers no list, or refuses the write, keeps its rate.
+void raiseIioRate(const std::string& dir, double limitHz, SettingChanges& changes);
+
+std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, double raiseToHz,
+                                            std::string& error);
+std::unique_ptr<SampleSource> openEvdev(const std::string& event, double raiseToHz,
+                                        std::string& error);
 std::unique_ptr<SampleSource> openIioPoll(const std::string& device, double maxHz, bool probe,
-                                          std::string& error);
+                                          double raiseToHz, std::string& error);
 
 struct PositionFile {
     const char* path;

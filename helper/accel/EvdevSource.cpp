@@ -8,7 +8,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 
 namespace bonkwell::accel {
@@ -21,6 +23,7 @@ class EvdevSource final : public SampleSource {
     ~EvdevSource() override { ::close(fd_); }
 
     int waitFd() const override { return fd_; }
+    void setPollRate(double rate) { setRate(rate); }
 
     // Reads the current axis values and their units; ioctls the device lacks leave defaults.
     void sync() {
@@ -90,7 +93,8 @@ class EvdevSource final : public SampleSource {
 
 }  // namespace
 
-std::unique_ptr<SampleSource> openEvdev(const std::string& event, std::string& error) {
+std::unique_ptr<SampleSource> openEvdev(const std::string& event, double raiseToHz,
+                                        std::string& error) {
     const std::string node = "/dev/input/" + event;
     const int fd = openCharDevice(node);
     if (fd < 0) {
@@ -107,6 +111,15 @@ std::unique_ptr<SampleSource> openEvdev(const std::string& event, std::string& e
         description += " (" + *name + ")";
     }
     auto source = std::make_unique<EvdevSource>(description, rate, fd);
+    // A polled input device (lis3lv02d) reads the chip every `poll` milliseconds.
+    if (raiseToHz > 0 && rate > 0 && rate < raiseToHz) {
+        const long wanted = std::max(10L, std::lround(1000.0 / raiseToHz));
+        std::string ignored;
+        if (wanted < std::lround(1000.0 / rate) &&
+            source->changes().set(dev + "/poll", std::to_string(wanted), ignored)) {
+            source->setPollRate(1000.0 / static_cast<double>(wanted));
+        }
+    }
     source->sync();
     return source;
 }

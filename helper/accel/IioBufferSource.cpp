@@ -14,64 +14,6 @@
 namespace bonkwell::accel {
 namespace {
 
-// Every attribute we change, with its descriptor opened while we may still write it, so that
-// the original value can be written back after privileges are gone.
-class SysfsChanges {
-  public:
-    SysfsChanges() = default;
-    SysfsChanges(const SysfsChanges&) = delete;
-    SysfsChanges& operator=(const SysfsChanges&) = delete;
-    ~SysfsChanges() {
-        restore();
-        for (const auto& change : changes_) {
-            ::close(change.fd);
-        }
-    }
-
-    // Sets `path` to `value` unless it already holds it.
-    bool set(const std::string& path, const std::string& value, std::string& error) {
-        int err = 0;
-        const auto original = readAttribute(path, &err);
-        if (!original) {
-            error = path + ": " + std::strerror(err);
-            return false;
-        }
-        if (*original == value) {
-            return true;
-        }
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
-        if (fd < 0 || !writeAttributeFd(fd, value)) {
-            error = path + ": " + std::strerror(errno);
-            if (fd >= 0) {
-                ::close(fd);
-            }
-            return false;
-        }
-        changes_.push_back(Change{fd, *original});
-        restored_ = false;
-        return true;
-    }
-
-    // Newest change first, so that buffer/enable goes back to 0 before anything else.
-    void restore() {
-        if (restored_) {
-            return;
-        }
-        for (auto it = changes_.rbegin(); it != changes_.rend(); ++it) {
-            writeAttributeFd(it->fd, it->original);
-        }
-        restored_ = true;
-    }
-
-  private:
-    struct Change {
-        int fd;
-        std::string original;
-    };
-    std::vector<Change> changes_;
-    bool restored_ = true;
-};
-
 class IioBufferSource final : public SampleSource {
   public:
     IioBufferSource(std::string description, double rate)
@@ -80,10 +22,11 @@ class IioBufferSource final : public SampleSource {
         if (fd_ >= 0) {
             ::close(fd_);
         }
-        changes_.restore();
+        restore();
     }
 
     int waitFd() const override { return fd_; }
+    void setDeviceRate(double rate) { setRate(rate); }
 
     bool read(std::vector<Sample>& out, std::string& error) override {
         std::uint8_t chunk[4096];
@@ -112,12 +55,9 @@ class IioBufferSource final : public SampleSource {
         return true;
     }
 
-    void restore() override { changes_.restore(); }
-
     int fd_ = -1;
     ScanLayout layout_;
     IioCalibration cal_;
-    SysfsChanges changes_;
 
   private:
     void decodeScans(std::vector<Sample>& out) {
@@ -184,7 +124,8 @@ std::vector<std::string> enabledChannels(const std::string& scanDir) {
 
 }  // namespace
 
-std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::string& error) {
+std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, double raiseToHz,
+                                            std::string& error) {
     const std::string dir = std::string(kIioDevices) + "/" + device;
     auto source = std::make_unique<IioBufferSource>(describeIio(device), readIioRate(dir));
     if (!readIioCalibration(dir, source->cal_, error)) {
@@ -202,12 +143,12 @@ std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::stri
     }
     const std::string scanDir = dir + "/scan_elements";
     for (const char* axis : {"in_accel_x_en", "in_accel_y_en", "in_accel_z_en"}) {
-        if (!source->changes_.set(scanDir + "/" + axis, "1", error)) {
+        if (!source->changes().set(scanDir + "/" + axis, "1", error)) {
             return nullptr;
         }
     }
     if (::access((scanDir + "/in_timestamp_en").c_str(), F_OK) == 0 &&
-        !source->changes_.set(scanDir + "/in_timestamp_en", "1", error)) {
+        !source->changes().set(scanDir + "/in_timestamp_en", "1", error)) {
         return nullptr;
     }
     std::vector<ScanChannel> channels;
@@ -240,15 +181,19 @@ std::unique_ptr<SampleSource> openIioBuffer(const std::string& device, std::stri
     if (::access(trigger.c_str(), F_OK) == 0 && readAttribute(trigger).value_or("x").empty()) {
         const auto name = readAttribute(dir + "/name").value_or("");
         const std::string number = device.substr(std::string("iio:device").size());
-        if (!name.empty() && !source->changes_.set(trigger, name + "-dev" + number, error)) {
+        if (!name.empty() && !source->changes().set(trigger, name + "-dev" + number, error)) {
             return nullptr;
         }
     }
     const auto length = parseInteger(readAttribute(dir + "/buffer/length").value_or(""));
-    if (length && *length < 16 && !source->changes_.set(dir + "/buffer/length", "64", error)) {
+    if (length && *length < 16 && !source->changes().set(dir + "/buffer/length", "64", error)) {
         return nullptr;
     }
-    if (!source->changes_.set(dir + "/buffer/enable", "1", error)) {
+    if (raiseToHz > 0) {
+        raiseIioRate(dir, raiseToHz, source->changes());
+        source->setDeviceRate(readIioRate(dir));
+    }
+    if (!source->changes().set(dir + "/buffer/enable", "1", error)) {
         return nullptr;
     }
     return source;

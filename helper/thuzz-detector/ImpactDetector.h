@@ -1,32 +1,40 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The helper's slap detector.
 //
-// The accelerometer reads about 1 g at rest in any orientation, plus a sensor-specific bias.
-// We therefore work on |a| and subtract a baseline that tracks it slowly (time constant 2 s,
-// 10 s while the signal is far from it, so a slap barely moves it). The deviation from that
-// baseline is the jolt.
+// The accelerometer reads gravity (about 1 g, in whatever direction the machine lies) plus a
+// bias and a scale error of its own on each axis. None of that changes within a few
+// milliseconds, while a slap does: so each sample is compared, axis by axis, with the last two
+// readings from before a slap could have begun (at least kReferenceAge and one and a half
+// sample periods earlier; the previous samples on sensors slower than kSlowPeriod), and the
+// jolt is the length of the smaller difference vector, in g. Orientation, bias and scale error
+// drop out, and a slap counts the same from any direction, along gravity or across it.
 //
-// A slap is a sharp rise: the jolt must climb by more than the threshold within 40 ms (or
-// since the previous sample, on slow sensors). The threshold is --min-amplitude plus twice the
-// recent activity (a 1 s average of the jolt), so that steady motion such as walking with the
-// machine or typing raises the bar while a still machine reacts to the smallest slap.
-// Rises closer than --cooldown to the previous slap are ignored (strictly: a rise exactly
-// one cooldown later is still ignored).
+// The trigger level is --min-amplitude, raised by the recent background: the largest jolt of
+// the past, decaying with kBackgroundTau and left out while younger than the reference (so the
+// rise of a slap does not raise its own bar). Only background above half the minimum
+// amplitude counts, so a still machine reacts to the lightest slap while walking or a machine
+// being carried raises the bar. A slap's own jolts never enter the background, and other jolts
+// above the bar (inside the cooldown) enter it only up to the bar that slap had to clear.
 //
-// Once triggered we follow the jolt for up to 50 ms, until it falls below half its peak, and
-// report the peak as the amplitude, with a severity word by band:
+// A slap is reported at once, on the first sample above the trigger level; on sensors that
+// deliver a sample at least every kFollowPeriod the next sample is taken too, for the peak,
+// and the report comes with it (or one sample period after the trigger if it does not come).
+// The amplitude is the largest jolt of the samples used, with a severity word by band:
 //   below 0.1 g "tap", below 0.3 g "slap", below 0.8 g "smack", otherwise "wallop".
+// Triggers closer than --cooldown to the previous slap are ignored (strictly: one exactly a
+// cooldown later is still ignored).
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace bonkwell::thuzz {
 
 struct Impact {
-    double amplitude = 0;  // g, the peak of the jolt
+    double amplitude = 0;  // g, the largest jolt of the samples used
     std::string severity;
     std::int64_t slapNumber = 0;  // counts from 1
     double onsetTime = 0;         // time of the sample that triggered
@@ -37,12 +45,12 @@ const char* severityFor(double amplitude);
 
 class ImpactDetector {
   public:
-    static constexpr double kPeakWindow = 0.05;       // s followed after the trigger
-    static constexpr double kRiseWindow = 0.04;       // s over which a rise must happen
-    static constexpr double kBaselineTau = 2.0;       // s, baseline near the signal
-    static constexpr double kBaselineSlowTau = 10.0;  // s, baseline while jolted
-    static constexpr double kActivityTau = 1.0;       // s
-    static constexpr double kActivityWeight = 2.0;
+    static constexpr double kReferenceAge = 0.015;  // s, least age of a sample's reference
+    static constexpr double kSlowPeriod = 0.025;    // s, compare with the previous sample
+    static constexpr double kBackgroundTau = 3.0;   // s, decay of the background peak
+    static constexpr double kBackgroundWeight = 4.0;
+    static constexpr double kFollowPeriod = 0.006;   // s, follow one more sample up to this
+    static constexpr double kQuietAfterSlap = 0.15;  // s of a slap kept out of the background
 
     ImpactDetector(double minAmplitude, double cooldownSeconds);
 
@@ -51,42 +59,58 @@ class ImpactDetector {
     double minAmplitude() const { return minAmplitude_; }
     double cooldown() const { return cooldown_; }
 
-    // Feeds one sample: time in seconds (monotonic) and |a| in g. Returns an impact when one
-    // is complete.
-    std::optional<Impact> addSample(double time, double magnitude);
+    // Feeds one sample: time in seconds (monotonic) and the acceleration in g on each axis.
+    // Returns an impact when one is complete.
+    std::optional<Impact> addSample(double time, double x, double y, double z);
 
-    // When an impact is being followed, the time by which it must be reported even if no
-    // further sample arrives.
+    // When an impact waits for the next sample, the time by which it must be reported even if
+    // that sample does not come.
     std::optional<double> deadline() const;
-    // Reports the impact being followed if its deadline has passed.
+    // Reports the impact waiting for its next sample if its deadline has passed.
     std::optional<Impact> flush(double now);
 
-    std::int64_t slapCount() const { return count_; }
-    // The jolt of the last sample fed, in g: what the threshold is compared with.
+    // The jolt of the latest sample, in g: what the trigger level applies to.
     double lastJolt() const { return lastJolt_; }
-    double baseline() const { return baseline_; }
+    // The trigger level the next sample must exceed, in g.
+    double triggerLevel() const;
+    // The recent background (decayed peak jolt), in g.
+    double background() const { return background_; }
+    // The sample period as seen so far, in s (0 until two samples came).
+    double period() const { return period_; }
+    std::int64_t slapCount() const { return count_; }
 
   private:
+    struct Reading {
+        double time;
+        std::array<double, 3> g;
+        double jolt;
+    };
+    static double distance(const std::array<double, 3>& a, const std::array<double, 3>& b);
+    double referenceAge() const;
+    double joltAgainst(const std::array<double, 3>& g, double time,
+                       std::array<double, 3>* reference) const;
+    void ageIntoBackground(double time);
     Impact finish(double now);
 
     double minAmplitude_;
     double cooldown_;
-    bool started_ = false;
+    std::deque<Reading> recent_;  // readings younger than the reference age, and two older
     double lastTime_ = 0;
-    double baseline_ = 1.0;
-    double activity_ = 0;
-    struct Point {
-        double time;
-        double jolt;
-    };
-    std::vector<Point> recent_;  // jolts of the last kRiseWindow, plus the one before
+    double period_ = 0;
+    double lastJolt_ = 0;
+    double background_ = 0;
+    double backgroundTime_ = 0;
+    double quietFrom_ = 0;
+    double quietUntil_ = -1;
     bool following_ = false;
+    std::array<double, 3> eventReference_{};
     double onset_ = 0;
     double peak_ = 0;
+    double slapBar_ = 0;  // the trigger level the last slap cleared
+    double deadline_ = 0;
     double lastOnset_ = 0;
     bool anySlap_ = false;
     std::int64_t count_ = 0;
-    double lastJolt_ = 0;
 };
 
 }  // namespace bonkwell::thuzz

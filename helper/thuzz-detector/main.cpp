@@ -134,7 +134,8 @@ class Helper {
                 }
                 std::string sampleLines;
                 for (const auto& sample : samples) {
-                    auto impact = detector_.addSample(sample.time, accel::length(sample.g));
+                    auto impact =
+                        detector_.addSample(sample.time, sample.g.x, sample.g.y, sample.g.z);
                     if (streamSamples_) {
                         sampleLines += thuzz::sampleLine(detector_.lastJolt()) + '\n';
                     }
@@ -238,7 +239,11 @@ int main(int argc, char** argv) {
     const int signalFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
     ::signal(SIGPIPE, SIG_IGN);
 
-    auto opened = accel::openAccelerometer();
+    // As root, run the device as fast as is useful; everything changed is put back on exit.
+    accel::OpenOptions openOptions;
+    openOptions.maxPollHz = 200.0;
+    openOptions.raiseRate = ::geteuid() == 0;
+    auto opened = accel::openAccelerometer(openOptions);
 
     std::string error;
     if (!thuzz::dropPrivileges(error)) {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The engine path as the app runs it: the state model bound to a real ThuzzEngine that runs
 // the real thuzz-detector, installed root-owned and set-user-ID in a scratch home, on an
-// emulated 100 Hz accelerometer (umockdev testbed; the program runs under umockdev-wrapper
-// and the helper inherits the testbed). Sensitivity set on the model reaches the running
-// helper; a live viewer on the model makes the helper stream its jolt into liveMagnitude
+// emulated accelerometer polled through sysfs (umockdev testbed; the program runs under
+// umockdev-wrapper and the helper inherits the testbed). Sensitivity set on the model reaches the
+// running helper; a live viewer on the model makes the helper stream its jolt into liveMagnitude
 // and the graph's series, never into the log; closing the viewer stops the stream. The
 // in-process reader (a recording double here) is never started.
 #include "AppState.h"
@@ -24,6 +24,7 @@
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <string>
 #include <thread>
 
 using namespace bonkwell;
@@ -112,15 +113,16 @@ class EngineLiveTest : public ::testing::Test {
         return spinUntil([&] { return seen >= n; }, seconds);
     }
 
-    // A 0.21 g jolt of 200 ms on Z, seen through the live samples (so the helper has read
-    // all of it), and then another 20 samples (200 ms) for the detector to finish with it.
-    void jolt() {
-        ASSERT_NO_FATAL_FAILURE(writeInPlace(kZ, "700"));
+    // A jolt of `counts` (1024 per g) on Z, held until the live samples show it (so the
+    // helper has read it), then back, and another 20 samples for the detector to finish.
+    void jolt(int counts) {
+        ASSERT_NO_FATAL_FAILURE(writeInPlace(kZ, std::to_string(std::stoi(restingZ) + counts)));
         double peak = 0;
         Subscription sub =
             state->liveMagnitude.subscribe([&](const double& m) { peak = std::max(peak, m); });
-        EXPECT_TRUE(spinUntil([&] { return peak > 0.15; }, 5.0)) << "peak " << peak;
-        ASSERT_TRUE(waitForSamples(20));
+        const double expected = counts / 1024.0;
+        EXPECT_TRUE(spinUntil([&] { return peak > 0.8 * expected; }, 5.0)) << "peak " << peak;
+        EXPECT_LT(peak, 1.2 * expected) << "the graph shows the helper's jolt";
         ASSERT_NO_FATAL_FAILURE(writeInPlace(kZ, restingZ));
         ASSERT_TRUE(waitForSamples(20));
     }
@@ -159,35 +161,39 @@ TEST_F(EngineLiveTest, SensitivityReachesTheRunningHelperAndTheGraphShowsItsJolt
     spinUntil([] { return false; }, 0.3);
     EXPECT_EQ(seriesSize(), 0u);
 
-    // Raised above the jolt while the helper runs. The samples turned on after it travel
-    // the same pipe, so once they flow the helper has the new threshold.
+    // Raised above the jolt while the helper runs (the launch value, 0.05 g, is below it).
+    // The samples turned on after it travel the same pipe, so once they flow the helper has
+    // the new threshold.
     state->sensitivity.set(0.5);
     std::optional<LiveViewerHold> window(*state);
     ASSERT_TRUE(waitForSamples(3)) << "no samples while a live viewer is open";
-    ASSERT_NO_FATAL_FAILURE(jolt());
+    ASSERT_NO_FATAL_FAILURE(jolt(215));
     EXPECT_TRUE(events.empty()) << "0.21 g is not a slap at 0.5 g";
     EXPECT_FALSE(journal.calls.contains(QStringLiteral("detector.start")));
 
-    // The window closes: the stream stops.
+    // The window closes: the stream stops, and stays stopped (3 s, in which the helper's
+    // background bar also settles after that jolt).
     window.reset();
-    std::size_t before = 0;
     ASSERT_TRUE(spinUntil(
         [&] {
-            before = seriesSize();
+            const std::size_t before = seriesSize();
             spinUntil([] { return false; }, 0.3);
             return seriesSize() == before;
         },
         5.0))
         << "samples still arrive with no viewer";
+    const std::size_t closed = seriesSize();
+    spinUntil([] { return false; }, 3.0);
+    EXPECT_EQ(seriesSize(), closed) << "samples arrived with no viewer";
 
-    // Lowered below the jolt: the same jolt is a slap.
+    // Lowered below a 0.4 g jolt, which the old 0.5 g would have missed: now it is a slap.
     state->sensitivity.set(0.1);
     window.emplace(*state);
     ASSERT_TRUE(waitForSamples(3));
-    ASSERT_NO_FATAL_FAILURE(jolt());
+    ASSERT_NO_FATAL_FAILURE(jolt(410));
     ASSERT_TRUE(spinUntil([&] { return !events.empty(); }, 3.0));
     EXPECT_EQ(events.size(), 1u);
-    EXPECT_NEAR(events[0].amplitude, 0.21, 0.03);
+    EXPECT_NEAR(events[0].amplitude, 0.4, 0.03);
     EXPECT_FALSE(journal.calls.contains(QStringLiteral("detector.start")));
 
     // Hundreds of sample lines went by; not one reached the log.

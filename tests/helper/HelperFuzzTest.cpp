@@ -186,8 +186,11 @@ TEST(HelperFuzzTest, DetectorSurvivesArbitrarySamples) {
     double t = 0;
     for (int i = 0; i < 200000; ++i) {
         t += (rng() % 10 == 0) ? any(rng) * 1e-6 : 0.01;  // sometimes time runs backwards
-        const double magnitude = (rng() % 50 == 0) ? any(rng) : 1.0 + (rng() % 100) * 0.001;
-        if (auto impact = d.addSample(t, magnitude)) {
+        auto axis = [&] { return (rng() % 50 == 0) ? any(rng) : (rng() % 100) * 0.001; };
+        const double x = axis();
+        const double y = axis();
+        const double z = 1.0 + axis();
+        if (auto impact = d.addSample(t, x, y, z)) {
             EXPECT_TRUE(std::isfinite(impact->amplitude));
             EXPECT_GT(impact->slapNumber, 0);
         }

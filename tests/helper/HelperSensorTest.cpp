@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The helper on emulated sensors as they come: biased, in any orientation, slapped from the
+// side; and the device rate it raises as root, put back however it ends.
+#include "Subprocess.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <regex>
+
+using bonkwell::test::RunResult;
+
+namespace {
+
+const std::string kData = BONKWELL_TEST_DATA "/accel/";
+const std::string kHelper = THUZZ_DETECTOR_PATH;
+const std::string kArgs = " --stdio --detect-only --min-amplitude 0.0500 --cooldown 750";
+const std::string kIio = "/sys/bus/iio/devices/iio:device0";
+const bool kRoot = ::geteuid() == 0;
+
+// Runs `script` under umockdev with the given device options; $H is the helper with its
+// launch words. The script's own exit status is the result's.
+RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std::string& script) {
+    std::vector<std::string> argv = {"umockdev-run"};
+    argv.insert(argv.end(), deviceOptions.begin(), deviceOptions.end());
+    argv.insert(argv.end(), {"--", "sh", "-c", "H='" + kHelper + kArgs + "'\n" + script});
+    return bonkwell::test::run(argv);
+}
+
+// `setup`, then the helper while `during` runs, stopped with `signal`, then `after`; exits
+// with the helper's status.
+std::string whileRunning(const std::string& setup, const std::string& during,
+                         const std::string& after = "", const std::string& signal = "TERM") {
+    return setup + "\n$H </dev/null & p=$!\nsleep 0.6\n" + during + "\nsleep 0.4\nkill -" + signal +
+           " $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
+}
+
+// The polled IIO device with its mount matrix (x' = -y, y' = -x, z' = -z, 1024 counts per g)
+// lying level and reading (40, -30, 1075) mg at rest: 1.076 g long.
+const std::string kBiasedLevel = "echo 31 > " + kIio + "/in_accel_x_raw; echo -41 > " + kIio +
+                                 "/in_accel_y_raw; echo -1101 > " + kIio + "/in_accel_z_raw";
+
+std::vector<std::string> iioPoll() {
+    return {"-d", kData + "iio-poll-i2c-like.umockdev"};
+}
+
+// Adds `counts` to a raw axis for 0.2 s.
+std::string jolt(const std::string& axis, int rest, int counts) {
+    const std::string file = kIio + "/in_accel_" + axis + "_raw";
+    return "echo " + std::to_string(rest + counts) + " > " + file + "; sleep 0.2; echo " +
+           std::to_string(rest) + " > " + file;
+}
+
+}  // namespace
+
+TEST(HelperSensorTest, ABiasedStillDeviceGivesNoEventOverTenSeconds) {
+    const auto r = underUmockdev(iioPoll(), whileRunning(kBiasedLevel, "sleep 10"));
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.firstLine().find("IIO sysfs polling"), std::string::npos) << r.out;
+    EXPECT_TRUE(r.jsonLines().empty()) << r.out;
+}
+
+TEST(HelperSensorTest, ASlapAlongEachAxisGivesExactlyOneEvent) {
+    // 0.15 g (154 counts) across gravity along the machine's X (raw y) and Y (raw x), and
+    // along gravity (raw z), on the biased level device.
+    for (const auto& [axis, rest] :
+         std::vector<std::pair<std::string, int>>{{"y", -41}, {"x", 31}, {"z", -1101}}) {
+        const auto r = underUmockdev(iioPoll(), whileRunning(kBiasedLevel, jolt(axis, rest, -154)));
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        const auto events = r.jsonLines();
+        ASSERT_EQ(events.size(), 1u) << axis << "\n" << r.out << r.err;
+        const std::regex shape(
+            R"re(\{"amplitude":0\.1[45][0-9]{2},"severity":"slap","slapNumber":1\})re");
+        EXPECT_TRUE(std::regex_match(events[0], shape)) << axis << " " << events[0];
+    }
+}
+
+TEST(HelperSensorTest, ASidewaysSlapOnAMachineOnItsSideGivesOneEvent) {
+    // The device as it comes: gravity along the machine's X. A jolt along its Y and Z.
+    for (const auto& [axis, rest] :
+         std::vector<std::pair<std::string, int>>{{"x", -7}, {"z", 31}}) {
+        const auto r = underUmockdev(iioPoll(), whileRunning("", jolt(axis, rest, 154)));
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_EQ(r.jsonLines().size(), 1u) << axis << "\n" << r.out << r.err;
+    }
+}
+
+TEST(HelperSensorTest, TheSysfsRateIsRaisedAndPutBackOnEverySignal) {
+    const std::string rate = kIio + "/sampling_frequency";
+    for (const char* signal : {"TERM", "INT", "HUP"}) {
+        const auto r = underUmockdev(
+            iioPoll(), whileRunning("", "echo \"running=$(cat " + rate + ")\" >&2",
+                                    "echo \"after=$(cat " + rate + ")\" >&2", signal));
+        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
+        // The highest rate offered up to 200 Hz; polled at that rate.
+        EXPECT_EQ(r.firstLine(),
+                  std::string("reading iio:device0 (test-accel-i2c, accel-display) through the "
+                              "IIO sysfs polling at ") +
+                      (kRoot ? "125.0" : "100.0") + " Hz")
+            << signal;
+        EXPECT_NE(r.err.find(kRoot ? "running=125\n" : "running=100.000000\n"), std::string::npos)
+            << signal << r.err;
+        EXPECT_NE(r.err.find("after=100.000000\n"), std::string::npos) << signal << r.err;
+    }
+}
+
+TEST(HelperSensorTest, TheBufferRateIsRaisedAndPutBack) {
+    const std::string rate = kIio + "/sampling_frequency";
+    const auto r = underUmockdev(
+        {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
+         "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
+        whileRunning("echo '5 10 20 50 100 400' > " + rate + "_available",
+                     "echo \"running=$(cat " + rate + ")\" >&2",
+                     "echo \"after=$(cat " + rate + ") $(cat " + kIio + "/buffer/enable)\" >&2"));
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.firstLine(),
+              std::string("reading iio:device0 (accel_3d) through the IIO buffer at ") +
+                  (kRoot ? "100.0" : "10.0") + " Hz");
+    EXPECT_NE(r.err.find(kRoot ? "running=100\n" : "running=10.000000\n"), std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("after=10.000000 0\n"), std::string::npos) << r.err;
+}
+
+TEST(HelperSensorTest, TheInputDevicePollIsLoweredAndPutBackOnEverySignal) {
+    const std::string poll = "/sys/class/input/event7/device/poll";
+    for (const char* signal : {"TERM", "INT", "HUP"}) {
+        const auto r =
+            underUmockdev({"-d", kData + "lis3-like.umockdev", "-i",
+                           "/dev/input/event7=" + kData + "lis3-like.ioctl", "-e",
+                           "/dev/input/event7=" + kData + "lis3-still.events"},
+                          whileRunning("", "echo \"running=$(cat " + poll + ")\" >&2",
+                                       "echo \"after=$(cat " + poll + ")\" >&2", signal));
+        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
+        EXPECT_EQ(r.firstLine(),
+                  std::string("reading event7 (ST LIS3LV02DL Accelerometer) through the input "
+                              "device at ") +
+                      (kRoot ? "100.0" : "20.0") + " Hz")
+            << signal;
+        EXPECT_NE(r.err.find(kRoot ? "running=10\n" : "running=50\n"), std::string::npos)
+            << signal << r.err;
+        EXPECT_NE(r.err.find("after=50\n"), std::string::npos) << signal << r.err;
+    }
+}
+
+TEST(HelperSensorTest, TheRateIsPutBackWhenNobodyListensAnyMore) {
+    // The reader goes away; the helper notices at its next event line and ends by itself.
+    const std::string rate = kIio + "/sampling_frequency";
+    const std::string script =
+        "d=$(mktemp -d); mkfifo $d/out\n$H </dev/null >$d/out & p=$!\nhead -n 1 <$d/out "
+        ">/dev/null\nsleep 0.5\n" +
+        jolt("x", -7, 300) + "\nsleep 0.5\nkill -0 $p 2>/dev/null && kill -KILL $p && exit 9\n" +
+        "wait $p\nst=$?\nrm -r $d\necho \"after=$(cat " + rate + ")\" >&2\nexit $st\n";
+    const auto r = underUmockdev(iioPoll(), script);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.err.find("after=100.000000\n"), std::string::npos) << r.err;
+}
