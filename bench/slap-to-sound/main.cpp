@@ -228,6 +228,14 @@ int main(int argc, char** argv) {
     std::printf("goal (floor median <= 6 ms): %s\n", floor.median() <= 6.0 ? "met" : "NOT met");
     std::fflush(stdout);
 
-    bonkwell::bench::compareBufferSizes(recorder, pack, {128, 256, 512}, count);
+    // $BONKWELL_BENCH_BUFFERS ("128,256,512" by default) lists the sizes to compare.
+    std::vector<int> sizes;
+    for (const QString& word : qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512")
+                                   .split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        if (const int n = word.trimmed().toInt(); n > 0) {
+            sizes.push_back(n);
+        }
+    }
+    bonkwell::bench::compareBufferSizes(recorder, pack, sizes, count);
     return 0;
 }
