@@ -44,8 +44,8 @@ class SdlSoundOutput : public SoundOutput {
     static QString preferredAudioDrivers();
 
     // The device buffer, in frames, for an SDL audio driver ("pulseaudio", "pipewire", …):
-    // the smallest that played without an underrun on that sound server at rest and with
-    // both cores busy (bench/slap-to-sound). The device is released after a few seconds of
+    // the smallest that ran dry least on that sound server at rest and with every core busy
+    // (bench/slap-to-sound compares them). The device is released after a few seconds of
     // silence, so a small buffer costs nothing while nothing plays.
     static int bufferFramesFor(const QString& driver);
     // The buffer of the open device, 0 while closed.
