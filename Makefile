@@ -51,14 +51,17 @@ bench-engine: deps
 	cmake --build --preset default -j $(JOBS) --target thuzz_engine_bench
 	./build/default/bench/engine/thuzz_engine_bench
 
-# Slap-to-sound latency against a private PulseAudio null sink; prints the figures.
+# Slap-to-sound latency against private null sinks of PulseAudio and of PipeWire, with the
+# buffer sizes side by side (latency and underruns at rest and under load); prints figures.
 bench-slap-to-sound: deps
 	bench/slap-to-sound/run default
 
 # Slap on a fake accelerometer to sound at a null sink, through the per-user helper and the
-# app, next to the bare SDL2_mixer floor of the same run (as root; about 2 minutes).
+# app, next to the bare SDL2_mixer floor of the same run, on PulseAudio and on PipeWire (as
+# root; about 3 minutes each).
 bench-e2e-latency: deps
-	bench/e2e-latency/run default
+	BONKWELL_SOUND_SERVER=pulseaudio bench/e2e-latency/run default
+	BONKWELL_SOUND_SERVER=pipewire bench/e2e-latency/run default
 
 # Slap detection on modelled laptop sensors (helper and in-process paths), and the helper's
 # idle CPU (about 4 minutes).

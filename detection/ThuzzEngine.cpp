@@ -29,7 +29,8 @@ namespace bonkwell {
 // watcher hold it weakly; a queued event holds it strongly.
 struct ThuzzEngine::Shared {
     std::mutex bufferLock;
-    LineSplitter buffer;  // guarded by bufferLock
+    LineSplitter buffer;     // guarded by bufferLock
+    SampleHandler onSample;  // guarded by bufferLock
 
     // Main thread only.
     EventHandler onEvent;
@@ -59,8 +60,8 @@ bool onNoSuidMount(const QString& path) {
            (vfs.f_flag & ST_NOSUID) != 0;
 }
 
-// Writes all of `bytes` to `fd`, ignoring failures, without letting a closed reader raise
-// SIGPIPE in this process.
+// Writes all of `bytes` to `fd`, ignoring failures (a full non-blocking pipe included),
+// without letting a closed reader raise SIGPIPE in this process.
 void writeIgnoringErrors(int fd, const QByteArray& bytes) {
     struct stat st {};
     if (::fstat(fd, &st) != 0) {
@@ -101,9 +102,11 @@ ThuzzEngine::ThuzzEngine() : shared_(std::make_shared<Shared>()) {}
 
 ThuzzEngine::~ThuzzEngine() {
     shared_->alive = false;
-    // The readers go (and wait for their threads); a running child is left alone.
+    // The readers go (and wait for their threads); a running child is left alone (it sees
+    // the end of its input, which it takes calmly).
     stdoutPipe_.reset();
     stderrPipe_.reset();
+    closeCommandPipe();
 }
 
 void ThuzzEngine::setOnEvent(EventHandler handler) {
@@ -112,6 +115,39 @@ void ThuzzEngine::setOnEvent(EventHandler handler) {
 
 void ThuzzEngine::setOnStatus(StatusHandler handler) {
     shared_->onStatus = std::move(handler);
+}
+
+void ThuzzEngine::setOnSample(SampleHandler handler) {
+    std::lock_guard lock(shared_->bufferLock);
+    shared_->onSample = std::move(handler);
+}
+
+void ThuzzEngine::addLiveViewer() {
+    if (++liveViewers_ == 1) {
+        send(thuzzSamplesCommand(true));
+    }
+}
+
+void ThuzzEngine::removeLiveViewer() {
+    if (liveViewers_ <= 0) {
+        fatal(QStringLiteral("ThuzzEngine::removeLiveViewer without a viewer"));
+    }
+    if (--liveViewers_ == 0) {
+        send(thuzzSamplesCommand(false));
+    }
+}
+
+void ThuzzEngine::send(const QByteArray& line) {
+    if (stdinPipe_ >= 0 && isRunning()) {
+        writeIgnoringErrors(stdinPipe_, line);
+    }
+}
+
+void ThuzzEngine::closeCommandPipe() {
+    if (stdinPipe_ >= 0) {
+        ::close(stdinPipe_);
+        stdinPipe_ = -1;
+    }
 }
 
 void ThuzzEngine::report(const QString& status) const {
@@ -146,20 +182,25 @@ void ThuzzEngine::start() {
     const QStringList arguments = thuzzLaunchArguments(minAmplitude_, cooldownMs_);
 
     QString error;
+    Pipe in;
     Pipe out;
     Pipe err;
-    if (!out.open(&error) || !err.open(&error)) {
+    if (!in.open(&error) || !out.open(&error) || !err.open(&error)) {
         report(ThuzzStatus::launchFailedPrefix + error);
         return;
     }
     std::shared_ptr<ChildProcess> child =
-        ChildProcess::launch(program, arguments, out.writeEnd, err.writeEnd, &error);
+        ChildProcess::launch(program, arguments, out.writeEnd, err.writeEnd, &error, in.readEnd);
     if (child == nullptr) {
         report(ThuzzStatus::launchFailedPrefix + error);
         return;
     }
     out.closeWriteEnd();
     err.closeWriteEnd();
+    // Commands must never block the main thread: a helper that stops reading loses them.
+    ::fcntl(in.writeEnd, F_SETFL, ::fcntl(in.writeEnd, F_GETFL) | O_NONBLOCK);
+    closeCommandPipe();
+    stdinPipe_ = in.takeWriteEnd();
 
     // Readers of an earlier child that has ended are dropped before the new ones start.
     stdoutPipe_.reset();
@@ -193,6 +234,9 @@ void ThuzzEngine::start() {
             }
         });
     process_ = std::move(child);
+    if (liveViewers_ > 0) {
+        send(thuzzSamplesCommand(true));
+    }
     report(ThuzzStatus::running);
 }
 
@@ -203,6 +247,7 @@ void ThuzzEngine::stop() {
     }
     stdoutPipe_.reset();
     stderrPipe_.reset();
+    closeCommandPipe();
 }
 
 void ThuzzEngine::updateTuning(double amplitude, std::int64_t cooldownMs) {
@@ -211,16 +256,12 @@ void ThuzzEngine::updateTuning(double amplitude, std::int64_t cooldownMs) {
     if (!isRunning()) {
         return;
     }
-    // The child shares this process's standard input; that is the only handle to write to.
-    if (::fcntl(STDIN_FILENO, F_GETFD) < 0) {
-        return;
-    }
     const std::optional<QByteArray> line = thuzzSetCommand(amplitude, cooldownMs);
     if (!line) {
         logLine(QStringLiteral("Bonkwell: not sending a non-finite amplitude to thuzz-detector"));
         return;
     }
-    writeIgnoringErrors(STDIN_FILENO, *line);
+    send(*line);
 }
 
 void ThuzzEngine::handleStdout(const std::shared_ptr<Shared>& shared, const char* data,
@@ -232,6 +273,14 @@ void ThuzzEngine::handleStdout(const std::shared_ptr<Shared>& shared, const char
     shared->buffer.append(
         data, size,
         [&shared](const QByteArray& line) {
+            if (isThuzzSampleLine(line)) {
+                // Never logged: a live graph gets a hundred of these a second.
+                const std::optional<double> jolt = decodeThuzzSample(line);
+                if (jolt && shared->onSample) {
+                    shared->onSample(*jolt);
+                }
+                return;
+            }
             if (std::optional<ThuzzEvent> event = decodeThuzzEvent(line)) {
                 MainQueue::post([strong = shared, event = std::move(*event)]() {
                     if (strong->onEvent) {

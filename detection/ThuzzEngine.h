@@ -2,6 +2,9 @@
 // The client of the thuzz-detector helper: launches the installed helper as a child, reads
 // its slap events from standard output on a background thread and hands each one to the
 // main thread, logs its diagnostic output, and reports its state as one-line statuses.
+// Commands (tuning, samples on or off) go to the helper through a pipe on its standard input.
+// While a live viewer is open the helper streams its jolt measure of every reading; those
+// sample lines go to the sample handler and never to the log.
 // The installation operations (installState, installDir, installHelper, bundledHelperURL)
 // live in HelperInstall.cpp.
 #pragma once
@@ -26,6 +29,7 @@ class ThuzzEngine : public ThuzzEngineInterface {
   public:
     using EventHandler = std::function<void(const ThuzzEvent&)>;
     using StatusHandler = std::function<void(const QString&)>;
+    using SampleHandler = std::function<void(double)>;
 
     ThuzzEngine();
     // Stops reading the helper's output but leaves a running helper running; only stop()
@@ -38,6 +42,8 @@ class ThuzzEngine : public ThuzzEngineInterface {
     // thread only.
     void setOnEvent(EventHandler handler) override;
     void setOnStatus(StatusHandler handler) override;
+    // Called on the standard-output reader's thread; may be set at any time.
+    void setOnSample(SampleHandler handler) override;
 
     // Launches the installed helper unless it is already running. Reports "Engine running",
     // "Failed to launch helper: …" or the not-installed status synchronously.
@@ -46,8 +52,14 @@ class ThuzzEngine : public ThuzzEngineInterface {
     // arrives through the main queue once the child has ended.
     void stop() override;
     // Stores the values for the next launch and, while the helper runs, writes the set
-    // command to the child's standard input (the app's own, which the child inherits).
+    // command to the pipe on the child's standard input.
     void updateTuning(double amplitude, std::int64_t cooldownMs) override;
+
+    // The first viewer turns the helper's sample lines on, the last one off; a helper
+    // launched while viewers are open gets them on at once.
+    void addLiveViewer() override;
+    void removeLiveViewer() override;
+    int liveViewers() const { return liveViewers_; }
 
     // Launch tuning for the next start(), without telling a running helper.
     void setMinAmplitude(double amplitude) override { minAmplitude_ = amplitude; }
@@ -71,6 +83,9 @@ class ThuzzEngine : public ThuzzEngineInterface {
     struct Shared;
 
     void report(const QString& status) const;
+    // Writes one command line to a running helper's standard input; never blocks.
+    void send(const QByteArray& line);
+    void closeCommandPipe();
     static void handleStdout(const std::shared_ptr<Shared>& shared, const char* data,
                              std::size_t size);
 
@@ -78,6 +93,8 @@ class ThuzzEngine : public ThuzzEngineInterface {
     std::shared_ptr<ChildProcess> process_;
     std::unique_ptr<PipeReader> stdoutPipe_;
     std::unique_ptr<PipeReader> stderrPipe_;
+    int stdinPipe_ = -1;  // write end of the pipe on the helper's standard input
+    int liveViewers_ = 0;
     double minAmplitude_ = 0.05;
     std::int64_t cooldownMs_ = 750;
 };

@@ -58,9 +58,15 @@ int Pipe::takeReadEnd() {
     return fd;
 }
 
+int Pipe::takeWriteEnd() {
+    const int fd = writeEnd;
+    writeEnd = -1;
+    return fd;
+}
+
 std::shared_ptr<ChildProcess> ChildProcess::launch(const QString& program,
                                                    const QStringList& arguments, int stdoutFd,
-                                                   int stderrFd, QString* error) {
+                                                   int stderrFd, QString* error, int stdinFd) {
     const QByteArray path = QFile::encodeName(program);
     std::vector<QByteArray> storage;
     storage.reserve(static_cast<std::size_t>(arguments.size()) + 1);
@@ -76,6 +82,9 @@ std::shared_ptr<ChildProcess> ChildProcess::launch(const QString& program,
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    if (stdinFd >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, stdinFd, STDIN_FILENO);
+    }
     if (stdoutFd >= 0) {
         posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
     }

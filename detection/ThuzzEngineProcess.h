@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Child processes and pipe readers for the detection engine: launching a program with its
-// standard output and error on pipes (standard input inherited), watching for its end on a
+// standard input, output and error on pipes, watching for its end on a
 // background thread, and reading a pipe on a background thread in chunks.
 #pragma once
 
@@ -31,19 +31,20 @@ struct Pipe {
     // Creates the pipe; false with `error` set when the system refuses.
     bool open(QString* error);
     void closeWriteEnd();
-    // Hands the read end over to the caller.
+    // Hands the read or the write end over to the caller.
     int takeReadEnd();
+    int takeWriteEnd();
 };
 
 class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
   public:
-    // Starts `program` (an absolute path) with `arguments`, the caller's environment, working
-    // directory and standard input. Standard output and error go to the given descriptors, or
-    // are inherited when -1. Descriptors from 3 up are not passed on. On failure returns
+    // Starts `program` (an absolute path) with `arguments`, the caller's environment and
+    // working directory. Standard input, output and error come from the given descriptors,
+    // or are inherited when -1. Descriptors from 3 up are not passed on. On failure returns
     // nullptr and sets `error` to the system's description ("Permission denied").
     static std::shared_ptr<ChildProcess> launch(const QString& program,
                                                 const QStringList& arguments, int stdoutFd,
-                                                int stderrFd, QString* error);
+                                                int stderrFd, QString* error, int stdinFd = -1);
 
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;

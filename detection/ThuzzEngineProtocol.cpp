@@ -97,6 +97,33 @@ std::optional<QByteArray> thuzzSetCommand(double amplitude, std::int64_t cooldow
     return line;
 }
 
+QByteArray thuzzSamplesCommand(bool on) {
+    return on ? QByteArrayLiteral("{\"cmd\":\"samples\",\"on\":true}\n")
+              : QByteArrayLiteral("{\"cmd\":\"samples\",\"on\":false}\n");
+}
+
+namespace {
+constexpr char kSamplePrefix[] = "{\"jolt\":";
+}  // namespace
+
+bool isThuzzSampleLine(const QByteArray& line) {
+    return line.startsWith(kSamplePrefix);
+}
+
+std::optional<double> decodeThuzzSample(const QByteArray& line) {
+    if (!isThuzzSampleLine(line) || !line.endsWith('}')) {
+        return std::nullopt;
+    }
+    const char* first = line.constData() + sizeof kSamplePrefix - 1;
+    const char* last = line.constData() + line.size() - 1;
+    double jolt = 0;
+    const auto [ptr, ec] = std::from_chars(first, last, jolt);
+    if (first == last || ec != std::errc() || ptr != last || !std::isfinite(jolt) || jolt < 0) {
+        return std::nullopt;
+    }
+    return jolt;
+}
+
 std::optional<ThuzzEvent> decodeThuzzEvent(const QByteArray& line) {
     QJsonParseError error{};
     const QJsonDocument doc = QJsonDocument::fromJson(line, &error);

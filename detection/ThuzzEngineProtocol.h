@@ -32,6 +32,18 @@ std::string shortestRoundTrip(double value);
 // is not finite (no JSON text can carry it).
 std::optional<QByteArray> thuzzSetCommand(double amplitude, std::int64_t cooldownMs);
 
+// {"cmd":"samples","on":true} or …false… and a newline: asks the helper to start or stop
+// printing one sample line per sensor reading.
+QByteArray thuzzSamplesCommand(bool on);
+
+// Whether a stdout line (without its newline) is a sample line: it starts with {"jolt":.
+// Sample lines are never events and are never logged, whatever follows.
+bool isThuzzSampleLine(const QByteArray& line);
+
+// The jolt (g) of a sample line {"jolt":0.0123}; std::nullopt when the line is not exactly
+// that shape with a finite, non-negative number.
+std::optional<double> decodeThuzzSample(const QByteArray& line);
+
 // One stdout line (without its newline) as a slap event, or std::nullopt when the line is
 // not one: it must be a JSON object with a number "amplitude" and an integral number
 // "slapNumber"; "severity" is taken when it is a string and is "" otherwise.

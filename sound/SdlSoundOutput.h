@@ -14,7 +14,8 @@ class SdlSoundOutput : public SoundOutput {
   public:
     struct Options {
         int frequency = 48000;
-        int bufferFrames = 512;  // small: this is most of the slap-to-sound latency
+        // Most of the slap-to-sound latency. 0: bufferFramesFor() the driver in use.
+        int bufferFrames = 0;
         qint64 maxFileBytes = 16 * 1024 * 1024;
         double maxSeconds = 60.0;  // longer sounds are refused: they decode into memory
     };
@@ -42,6 +43,14 @@ class SdlSoundOutput : public SoundOutput {
     // PipeWire comes first only when the session's PulseAudio socket is served by PipeWire.
     static QString preferredAudioDrivers();
 
+    // The device buffer, in frames, for an SDL audio driver ("pulseaudio", "pipewire", …):
+    // the smallest that ran dry least on that sound server at rest and with every core busy
+    // (bench/slap-to-sound compares them). The device is released after a few seconds of
+    // silence, so a small buffer costs nothing while nothing plays.
+    static int bufferFramesFor(const QString& driver);
+    // The buffer of the open device, 0 while closed.
+    int bufferFrames() const;
+
     struct Shared;  // state the voices share with the output
 
   private:
@@ -51,6 +60,7 @@ class SdlSoundOutput : public SoundOutput {
     Options options_;
     std::shared_ptr<Shared> shared_;
     bool lastOpenFailed_ = false;
+    int openFrames_ = 0;
 };
 
 }  // namespace bonkwell

@@ -181,19 +181,64 @@ void AppState::bind(SlapDetectorInterface* detectorRef, AudioPlayerInterface* au
             }
         });
     }
+    if (engine != nullptr) {
+        // The engine calls this on its reader thread: the check of `weak` waits for the
+        // main thread.
+        engine->setOnSample([weak](double jolt) {
+            MainQueue::post([weak, jolt] {
+                if (weak) {
+                    weak->showLiveSample(jolt);
+                }
+            });
+        });
+    }
+    // Viewers opened before binding.
+    for (int i = 0; i < liveViewers_; ++i) {
+        if (detector != nullptr) {
+            detector->addLiveViewer();
+        }
+        if (engine != nullptr) {
+            engine->addLiveViewer();
+        }
+    }
+}
+
+void AppState::addLiveViewer() {
+    ++liveViewers_;
+    if (detector != nullptr) {
+        detector->addLiveViewer();
+    }
+    if (engine != nullptr) {
+        engine->addLiveViewer();
+    }
+}
+
+void AppState::removeLiveViewer() {
+    if (liveViewers_ <= 0) {
+        fatal(QStringLiteral("AppState::removeLiveViewer without a viewer"));
+    }
+    --liveViewers_;
+    if (detector != nullptr) {
+        detector->removeLiveViewer();
+    }
+    if (engine != nullptr) {
+        engine->removeLiveViewer();
+    }
 }
 
 void AppState::handleMagnitudeSample(double magnitude) {
-    MainQueue::post(this, [this, magnitude] {
-        liveMagnitude.set(magnitude);
-        std::vector<double> series = liveSeries.get();
-        series.push_back(magnitude);
-        if (series.size() > kMaxLiveSamples) {
-            series.erase(series.begin(), series.begin() + static_cast<std::ptrdiff_t>(
-                                                              series.size() - kMaxLiveSamples));
-        }
-        liveSeries.set(std::move(series));
-    });
+    MainQueue::post(this, [this, magnitude] { showLiveSample(magnitude); });
+}
+
+void AppState::showLiveSample(double magnitude) {
+    liveMagnitude.set(magnitude);
+    std::vector<double> series = liveSeries.get();
+    series.push_back(magnitude);
+    if (series.size() > kMaxLiveSamples) {
+        series.erase(series.begin(),
+                     series.begin() + static_cast<std::ptrdiff_t>(series.size() - kMaxLiveSamples));
+    }
+    liveSeries.set(std::move(series));
 }
 
 void AppState::bumpCounts() {

@@ -26,8 +26,10 @@ std::int64_t cooldownMilliseconds(double seconds);
 // The one observable model of the app: the user's settings, the slap counters, the live
 // accelerometer magnitude and the engine status. Views read and assign the published
 // properties directly; bind() turns each change into its effect and a save.
+// Views with a live graph hold it as a LiveSampleSource: it passes each viewer on to both
+// detection paths, whichever feeds liveMagnitude at the time.
 // Lives on the main thread.
-class AppState : public QObject {
+class AppState : public QObject, public LiveSampleSource {
   public:
     // The persisted settings: one compact JSON object of exactly these eleven members.
     struct Snapshot {
@@ -92,17 +94,24 @@ class AppState : public QObject {
               SoundPackManagerInterface* packManager, ThuzzEngineInterface* engine);
     void bumpCounts();
 
+    void addLiveViewer() override;
+    void removeLiveViewer() override;
+    int liveViewers() const { return liveViewers_; }
+
     Snapshot snapshot() const;
     PreferencesStore& preferences() { return *store_; }
     const Clock& clock() const { return *clock_; }
 
   private:
     void handleMagnitudeSample(double magnitude);
+    // On the main thread: the newest live sample, into liveMagnitude and liveSeries.
+    void showLiveSample(double magnitude);
 
     std::unique_ptr<PreferencesStore> ownedStore_;
     PreferencesStore* store_;
     const Clock* clock_;
     bool lastSaveFailed_ = false;
+    int liveViewers_ = 0;
 };
 
 }  // namespace bonkwell

@@ -13,9 +13,17 @@
 
 namespace bonkwell {
 
-class SlapDetectorInterface {
+// A source of live samples that sends them more promptly, or at all, only while a view that
+// shows every sample as it comes (a live graph) is open. Each add is matched by one remove.
+class LiveSampleSource {
   public:
-    virtual ~SlapDetectorInterface() = default;
+    virtual ~LiveSampleSource() = default;
+    virtual void addLiveViewer() = 0;
+    virtual void removeLiveViewer() = 0;
+};
+
+class SlapDetectorInterface : public LiveSampleSource {
+  public:
     virtual void setMinAmplitude(double g) = 0;
     virtual void setCooldown(double seconds) = 0;
     // Called synchronously with every magnitude sample the detector takes.
@@ -24,34 +32,28 @@ class SlapDetectorInterface {
     virtual void setOnSlap(std::function<void(double)> handler) = 0;
     virtual void start() = 0;
     virtual void stop() = 0;
-    // A view that shows every magnitude as it comes (a live graph) opens or closes; each
-    // add is matched by one remove. While none is open, magnitudes that cannot be a slap may
-    // reach the sample handler up to a second late, in batches, which spares the main thread
-    // its wake-ups; slaps are never delayed.
-    virtual void addLiveViewer() = 0;
-    virtual void removeLiveViewer() = 0;
+    // Live viewers (LiveSampleSource): while none is open, magnitudes that cannot be a slap
+    // may reach the sample handler up to a second late, in batches, which spares the main
+    // thread its wake-ups; slaps are never delayed.
 };
 
-// One live viewer on a detector, for as long as this exists.
+// One live viewer on a sample source, for as long as this exists.
 class LiveViewerHold {
   public:
-    explicit LiveViewerHold(SlapDetectorInterface& detector) : detector_(detector) {
-        detector_.addLiveViewer();
-    }
-    ~LiveViewerHold() { detector_.removeLiveViewer(); }
+    explicit LiveViewerHold(LiveSampleSource& source) : source_(source) { source_.addLiveViewer(); }
+    ~LiveViewerHold() { source_.removeLiveViewer(); }
     LiveViewerHold(const LiveViewerHold&) = delete;
     LiveViewerHold& operator=(const LiveViewerHold&) = delete;
 
   private:
-    SlapDetectorInterface& detector_;
+    LiveSampleSource& source_;
 };
 
-class ThuzzEngineInterface {
+class ThuzzEngineInterface : public LiveSampleSource {
   public:
     // The status reported once the helper has been launched and reads the accelerometer.
     static inline const QString runningStatus = QStringLiteral("Engine running");
 
-    virtual ~ThuzzEngineInterface() = default;
     virtual InstallState installState() const = 0;
     virtual void start() = 0;
     virtual void stop() = 0;
@@ -63,6 +65,10 @@ class ThuzzEngineInterface {
     virtual void setOnEvent(std::function<void(const ThuzzEvent&)> handler) = 0;
     // Called on the main thread with each one-line status ("Engine running", …).
     virtual void setOnStatus(std::function<void(const QString&)> handler) = 0;
+    // Called on the engine's own reader thread (not the main thread) with the helper's jolt
+    // measure (g) of each sensor reading. The helper sends them only while a live viewer is
+    // open (LiveSampleSource), at the sensor's rate.
+    virtual void setOnSample(std::function<void(double)> handler) = 0;
     // Copies the helper into place and makes it setuid root through the administrator
     // prompt; blocks until done. True only when the helper ends up installed.
     virtual bool installHelper() = 0;

@@ -207,7 +207,7 @@ void CalibrationWindowController::show() {
     window->resize(kWidth, kHeight);
     window_ = window;
     // Its live graph wants every magnitude promptly while the window is open.
-    liveView_.emplace(detector_);
+    liveView_.emplace(state_);
     presentCentred(window);
 }
 

@@ -51,7 +51,7 @@ void SettingsWindowController::show() {
     window->setFixedSize(kWidth, kHeight);
     window_ = window;
     // Its live graph wants every magnitude promptly while the window is open.
-    liveView_.emplace(detector_);
+    liveView_.emplace(state_);
     presentCentred(window);
 }
 

@@ -7,8 +7,11 @@ tests/desktop/session.sh --tray xembed (bench/app/run does that).
 
 Prints: start to tray icon (first start with a new home, then later starts), RSS after
 start, CPU over S seconds idle while listening on an emulated 100 Hz accelerometer, and the
-same with the panel open.
+same with the panel open; then with the detection engine installed (the helper as a
+root-owned set-user-ID copy in the home, so as root only) and running: CPU of the app and of
+the helper with no window open, then with the panel open.
 """
+import shutil
 import argparse
 import os
 import statistics
@@ -99,6 +102,68 @@ def verdict(ok):
     return "ok" if ok else "MISSED"
 
 
+def helper_pid(app):
+    """The helper the app started (its child named thuzz-detector)."""
+    for pid in run_text("pgrep", "-P", str(app.pid)).split():
+        try:
+            with open(f"/proc/{pid}/comm") as f:
+                if f.read().strip() == "thuzz-detector":
+                    return int(pid)
+        except FileNotFoundError:
+            pass
+    return None
+
+
+def engine_idle(args, root):
+    """The engine path: the helper installed in a new home, the app listening through it."""
+    if os.geteuid() != 0:
+        raise Failure("the engine rows need root (the helper is installed set-user-ID root)")
+    home = tempfile.mkdtemp(prefix="home.", dir=root)
+    helpers = os.path.join(home, "data", "Bonkwell", "Helpers")
+    os.makedirs(helpers)
+    installed = os.path.join(helpers, "thuzz-detector")
+    shutil.copyfile(args.helper, installed)
+    os.chown(installed, 0, 0)
+    os.chmod(installed, 0o4755)
+    app, ms, _ = start_once(args.app, root, home,
+                            launcher=["umockdev-run", "-d", args.device, "--"])
+    try:
+        deadline = time.monotonic() + 10
+        while not any("thuzz-detector: reading" in line for line in app.log):
+            if time.monotonic() > deadline:
+                raise Failure("the app did not start the helper on the emulated device:\n" +
+                              "\n".join(app.log[-5:]))
+            time.sleep(0.1)
+        time.sleep(2)
+        helper = helper_pid(app)
+        if helper is None:
+            raise Failure("no thuzz-detector child of the app")
+        print(f"engine running on the emulated device: started in {ms:.0f} ms, "
+              f"RSS {rss_mb(app.pid):.1f} MB")
+        h0, t0 = cpu_seconds(helper), time.monotonic()
+        cpu, wake, busy = idle_cpu(app.pid, args.seconds)
+        span = time.monotonic() - t0
+        hcpu = 100 * (cpu_seconds(helper) - h0) / span
+        print(f"CPU idle, engine running, no window open: app {cpu:.2f} % of a core, {wake:.0f} "
+              f"wakeups/s; helper {hcpu:.2f} % over {args.seconds:.0f} s   goal: app as before")
+        print(f"  by thread: {by_thread(busy)}")
+        click_centre(icon_rect(app), 1)
+        app.wait_event(r"panel shown at .*", 10)
+        time.sleep(1)
+        before = len(app.log)
+        h0, t0 = cpu_seconds(helper), time.monotonic()
+        cpu, wake, busy = idle_cpu(app.pid, args.seconds)
+        hcpu = 100 * (cpu_seconds(helper) - h0) / (time.monotonic() - t0)
+        print(f"CPU idle, engine running, panel open:     app {cpu:.2f} % of a core, {wake:.0f} "
+              f"wakeups/s; helper {hcpu:.2f} %")
+        print(f"  by thread: {by_thread(busy)}")
+        leaked = [line for line in app.log[before:] if "jolt" in line]
+        if leaked:
+            raise Failure(f"sample lines reached the log: {leaked[:3]}")
+    finally:
+        app.stop()
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
@@ -106,6 +171,7 @@ def main():
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=30)
     parser.add_argument("--floor", help="poll_floor program: measure the bare poll as well")
+    parser.add_argument("--helper", help="thuzz-detector to install: measure the engine path")
     args = parser.parse_args()
     root = tempfile.mkdtemp(prefix="bonkwell-bench.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
 
@@ -154,6 +220,9 @@ def main():
         print(f"  by thread: {by_thread(busy)}")
     finally:
         app.stop()
+
+    if args.helper:
+        engine_idle(args, root)
 
     # The floor on this machine: a bare C loop polling the same emulated device at 100 Hz.
     if args.floor:

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AudioBench.h"
 
+#include "SdlSoundOutput.h"
+
 #include <SDL.h>
 #include <SDL_mixer.h>
 #include <pulse/error.h>
@@ -66,11 +68,19 @@ std::vector<double> Recorder::takeOnsets() {
     return std::exchange(onsets_, {});
 }
 
+int Recorder::takeDropouts() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(dropouts_, 0);
+}
+
 void Recorder::run() {
     tid_ = gettid();
     std::vector<float> chunk(kRecordChunkFrames);
     double quietSince = -1e9;
     bool sounding = false;
+    bool heard = false;  // sound since the last long silence
+    int silentRun = 0;   // samples of digital silence in a row
+    constexpr int kLongSilence = static_cast<int>(0.150 * kRecordRate);
     while (!stop_) {
         int error = 0;
         if (pa_simple_read(stream_, chunk.data(), chunk.size() * sizeof(float), &error) < 0) {
@@ -84,6 +94,18 @@ void Recorder::run() {
                              static_cast<double>(kRecordChunkFrames) / kRecordRate;
         for (int i = 0; i < kRecordChunkFrames; ++i) {
             const double t = first + static_cast<double>(i) / kRecordRate;
+            if (std::fabs(chunk[static_cast<std::size_t>(i)]) < 1e-4F) {
+                if (++silentRun >= kLongSilence) {
+                    heard = false;
+                }
+            } else {
+                if (heard && silentRun >= kDropoutFrames && silentRun < kLongSilence) {
+                    std::lock_guard lock(mutex_);
+                    ++dropouts_;
+                }
+                heard = true;
+                silentRun = 0;
+            }
             if (std::fabs(chunk[static_cast<std::size_t>(i)]) > kOnsetThreshold) {
                 if (!sounding && t - quietSince >= kSilenceBeforeOnset) {
                     std::lock_guard lock(mutex_);
@@ -151,12 +173,20 @@ std::vector<Trial> runTrials(const std::function<std::vector<double>()>& takeOns
 }
 
 std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& clip, int count,
-                                        int bufferFrames, std::string* driver, std::string* error) {
+                                        int bufferFrames, std::string* driver, std::string* error,
+                                        int* framesUsed) {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
-    SDL_SetHint(SDL_HINT_AUDIODRIVER, "pipewire,pulseaudio,alsa");
+    SDL_SetHint(SDL_HINT_AUDIODRIVER, SdlSoundOutput::preferredAudioDrivers().toUtf8().constData());
     if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
         *error = std::string("SDL: ") + SDL_GetError();
         return std::nullopt;
+    }
+    if (bufferFrames <= 0) {
+        bufferFrames =
+            SdlSoundOutput::bufferFramesFor(QString::fromUtf8(SDL_GetCurrentAudioDriver()));
+    }
+    if (framesUsed != nullptr) {
+        *framesUsed = bufferFrames;
     }
     if (Mix_OpenAudioDevice(kRecordRate, AUDIO_S16SYS, 2, bufferFrames, nullptr, 0) != 0) {
         *error = std::string("SDL: ") + SDL_GetError();

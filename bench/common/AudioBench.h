@@ -43,6 +43,10 @@ class Recorder {
     // Connects to the default server ($PULSE_SERVER or the user's own) and starts reading.
     bool start(const std::string& monitor, std::string* error);
     std::vector<double> takeOnsets();
+    // Dropouts since the last call: within a sound, a stretch of at least kDropoutFrames
+    // samples of digital silence (|x| < 1e-4) that sound follows again within 150 ms. A
+    // steady tone has none unless the player or the server ran dry (an underrun).
+    int takeDropouts();
     pid_t threadId() const { return tid_; }
 
   private:
@@ -54,7 +58,10 @@ class Recorder {
     std::atomic<bool> stop_{false};
     std::mutex mutex_;
     std::vector<double> onsets_;
+    int dropouts_ = 0;
 };
+
+inline constexpr int kDropoutFrames = 24;  // 0.5 ms
 
 // One trigger and what the sink heard after it, up to the next trigger.
 struct Trial {
@@ -84,9 +91,12 @@ std::vector<Trial> runTrials(const std::function<std::vector<double>()>& takeOns
                              const std::function<double()>& trigger);
 
 // The floor: a bare SDL2_mixer loop on `clip` (decoded once in advance) with the given
-// buffer, `count` triggers 600-900 ms apart. The SDL driver used goes to `driver`.
+// buffer, `count` triggers 600-900 ms apart, through the SDL drivers the app would try.
+// A buffer of 0 is the app's own choice for the driver SDL picks. The SDL driver used goes
+// to `driver`, the buffer to `framesUsed` (when not null).
 std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& clip, int count,
-                                        int bufferFrames, std::string* driver, std::string* error);
+                                        int bufferFrames, std::string* driver, std::string* error,
+                                        int* framesUsed = nullptr);
 
 // "<what>  median … ms  p90 … ms  min …  max …  (paired/triggers <noun>)"
 void print(const char* what, const Figures& figures, const char* noun = "heard");

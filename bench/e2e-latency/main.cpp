@@ -217,7 +217,6 @@ int main(int argc, char** argv) {
     }
     const std::string clip = argv[1];
     const std::string monitor = argv[2];
-    const int bufferFrames = bonkwell::SdlSoundOutput::Options{}.bufferFrames;
 
     bonkwell::bench::Recorder recorder;
     std::string error;
@@ -232,19 +231,23 @@ int main(int argc, char** argv) {
         "(a first slap, then %d) or %d ms (%d more); %d-%d ms apart\n",
         std::atoi(kSpikeValue), axis.c_str(), kLongSpikeMs, slaps, kShortSpikeMs, slaps,
         kMinSpacingMs, kMaxSpacingMs);
-    std::printf("buffer: %d frames at %d Hz (%.1f ms) for the app and the floor\n", bufferFrames,
-                bonkwell::bench::kRecordRate, bufferFrames * 1000.0 / bonkwell::bench::kRecordRate);
     std::fflush(stdout);
 
-    // The floor first, while the app has not opened its output yet.
+    // The floor first, while the app has not opened its output yet; with the buffer the app
+    // chooses for the same driver.
     std::string driver;
+    int bufferFrames = 0;
     const std::optional<Figures> floor =
-        bonkwell::bench::measureBareMixer(recorder, clip, slaps, bufferFrames, &driver, &error);
+        bonkwell::bench::measureBareMixer(recorder, clip, slaps, 0, &driver, &error, &bufferFrames);
     if (!floor) {
         std::fprintf(stderr, "e2e-latency: %s\n", error.c_str());
         return 1;
     }
-    std::printf("floor: SDL audio driver %s\n", driver.c_str());
+    std::printf(
+        "floor: SDL audio driver %s; buffer: %d frames at %d Hz (%.1f ms) for the app "
+        "and the floor\n",
+        driver.c_str(), bufferFrames, bonkwell::bench::kRecordRate,
+        bufferFrames * 1000.0 / bonkwell::bench::kRecordRate);
 
     bool writesFailed = false;
     const auto slapFor = [&](int milliseconds) {

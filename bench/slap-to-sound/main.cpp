@@ -6,6 +6,7 @@
 // server; this program only needs $PULSE_SERVER and the monitor's name.
 #include "AudioBench.h"
 #include "AudioPlayer.h"
+#include "BufferSizes.h"
 #include "Clock.h"
 #include "SdlSoundOutput.h"
 #include "SoundPackManager.h"
@@ -118,24 +119,26 @@ int main(int argc, char** argv) {
     bonkwell::SoundPack pack;
     pack.name = QStringLiteral("Bench");
     pack.files << clip;
-    std::printf("clip %s, %d triggers per row, %d-frame buffer at %d Hz\n",
-                qPrintable(QFileInfo(clip).fileName()), count,
-                bonkwell::SdlSoundOutput::Options{}.bufferFrames, bonkwell::bench::kRecordRate);
+    std::printf("clip %s, %d triggers per row, at %d Hz\n", qPrintable(QFileInfo(clip).fileName()),
+                count, bonkwell::bench::kRecordRate);
 
     Figures player;
     Figures cold;
     std::uint64_t opens = 0;
     std::pair<double, double> cpuOpen{NAN, NAN};
     std::pair<double, double> cpuClosed{NAN, NAN};
+    int appFrames = 0;
     {
         // Released only after a minute of silence, so that the idle figure below is that of
         // an open device.
-        bonkwell::AudioPlayer p(bonkwell::Clock::system(),
-                                std::make_unique<bonkwell::SdlSoundOutput>(),
+        auto output = std::make_unique<bonkwell::SdlSoundOutput>();
+        const bonkwell::SdlSoundOutput* out = output.get();
+        bonkwell::AudioPlayer p(bonkwell::Clock::system(), std::move(output),
                                 std::chrono::seconds(60));
         // Warm up: the first slap of a run opens the device.
         p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true);
         std::this_thread::sleep_for(std::chrono::milliseconds(800));
+        appFrames = out->bufferFrames();
         player = measure(recorder, count,
                          [&] { p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true); });
         if (serverPid > 0) {
@@ -160,14 +163,17 @@ int main(int argc, char** argv) {
     // The floor: a bare SDL2_mixer loop, clip decoded once in advance, same buffer.
     std::string driver;
     std::string error;
+    int floorFrames = 0;
     const std::optional<Figures> floorFigures = bonkwell::bench::measureBareMixer(
-        recorder, clip.toStdString(), count, bonkwell::SdlSoundOutput::Options{}.bufferFrames,
-        &driver, &error);
+        recorder, clip.toStdString(), count, appFrames, &driver, &error, &floorFrames);
     if (!floorFigures) {
         std::fprintf(stderr, "slap-to-sound: %s\n", error.c_str());
         return 1;
     }
-    std::printf("SDL audio driver: %s\n", driver.c_str());
+    std::printf(
+        "SDL audio driver: %s; the app's buffer for it: %d frames (%.1f ms), the floor's "
+        "the same\n",
+        driver.c_str(), floorFrames, floorFrames * 1000.0 / bonkwell::bench::kRecordRate);
     const Figures floor = *floorFigures;
 
     // What decoding at every playback costs: read, decode, scale and start each built-in clip.
@@ -219,5 +225,17 @@ int main(int argc, char** argv) {
     }
     const bool goal = player.median() <= 20.0 && player.median() <= 1.5 * floor.median();
     std::printf("goal (median <= 20 ms and <= 1.5x floor): %s\n", goal ? "met" : "NOT met");
+    std::printf("goal (floor median <= 6 ms): %s\n", floor.median() <= 6.0 ? "met" : "NOT met");
+    std::fflush(stdout);
+
+    // $BONKWELL_BENCH_BUFFERS ("128,256,512" by default) lists the sizes to compare.
+    std::vector<int> sizes;
+    for (const QString& word : qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512")
+                                   .split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        if (const int n = word.trimmed().toInt(); n > 0) {
+            sizes.push_back(n);
+        }
+    }
+    bonkwell::bench::compareBufferSizes(recorder, pack, sizes, count);
     return 0;
 }

@@ -54,6 +54,9 @@ struct NullEngine final : ThuzzEngineInterface {
     void setCooldownMs(std::int64_t) override {}
     void setOnEvent(std::function<void(const ThuzzEvent&)>) override {}
     void setOnStatus(std::function<void(const QString&)>) override {}
+    void setOnSample(std::function<void(double)>) override {}
+    void addLiveViewer() override {}
+    void removeLiveViewer() override {}
     bool installHelper() override { return true; }
 };
 struct NullAudio final : AudioPlayerInterface {

@@ -322,6 +322,21 @@ std::optional<SetCommand> parseSetCommand(std::string_view line, std::string* er
     return command;
 }
 
+std::optional<bool> parseSamplesCommand(std::string_view line) {
+    auto members = FlatObjectParser(line).parse();
+    if (!members) {
+        return std::nullopt;
+    }
+    auto cmd = members->find("cmd");
+    auto on = members->find("on");
+    if (cmd == members->end() || !std::holds_alternative<std::string>(cmd->second) ||
+        std::get<std::string>(cmd->second) != "samples" || on == members->end() ||
+        !std::holds_alternative<bool>(on->second)) {
+        return std::nullopt;
+    }
+    return std::get<bool>(on->second);
+}
+
 void LineReader::feed(std::string_view bytes) {
     while (!bytes.empty()) {
         const std::size_t newline = bytes.find('\n');
@@ -351,6 +366,15 @@ void LineReader::feed(std::string_view bytes) {
             }
         }
     }
+}
+
+std::string sampleLine(double jolt) {
+    if (!std::isfinite(jolt)) {
+        jolt = 0.0;
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "{\"jolt\":%.4f}", std::clamp(jolt, 0.0, 99.0));
+    return text;
 }
 
 std::string eventLine(double amplitude, std::string_view severity, std::int64_t slapNumber) {

@@ -45,6 +45,11 @@ struct SetCommand {
 // (out-of-range or mistyped values) and stays empty for lines that are simply other text.
 std::optional<SetCommand> parseSetCommand(std::string_view line, std::string* error = nullptr);
 
+// {"cmd":"samples","on":true} or {"cmd":"samples","on":false}: whether to print one sample
+// line per reading of the sensor (for a live graph). nullopt for every other line, including
+// a samples command whose "on" is not a boolean.
+std::optional<bool> parseSamplesCommand(std::string_view line);
+
 // Splits a byte stream into lines of at most kMaxLine bytes. Longer lines are dropped whole
 // (up to their newline) and reported as overlong.
 class LineReader {
@@ -65,6 +70,10 @@ class LineReader {
     std::string buffer_;
     bool skipping_ = false;
 };
+
+// {"jolt":0.0123} without a newline: the detector's jolt measure for one reading, in g, the
+// quantity --min-amplitude applies to. Never has a "slapNumber", so it is never an event.
+std::string sampleLine(double jolt);
 
 // {"amplitude":0.3125,"severity":"smack","slapNumber":4} without a newline.
 std::string eventLine(double amplitude, std::string_view severity, std::int64_t slapNumber);

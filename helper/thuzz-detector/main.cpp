@@ -7,8 +7,10 @@
 //
 // stdout: one line naming the device and rate when it starts, then one JSON object per slap,
 //         {"amplitude":0.3125,"severity":"smack","slapNumber":1}, each written at once.
-// stdin:  optional {"cmd":"set","amplitude":A,"cooldown":MS} lines; other lines are ignored;
-//         end of input is fine.
+//         While samples are on, also one {"jolt":0.0123} line per reading of the sensor.
+// stdin:  optional {"cmd":"set","amplitude":A,"cooldown":MS} lines, and
+//         {"cmd":"samples","on":true|false} to turn the sample lines on or off (off at start);
+//         other lines are ignored; end of input is fine.
 // Exit:   0 on SIGTERM/SIGINT/SIGHUP or when stdout is gone, 1 on a failure while running,
 //         2 on bad arguments, 3 when there is no accelerometer.
 #include "AccelDevice.h"
@@ -33,9 +35,8 @@ using namespace bonkwell;
 
 namespace {
 
-// Writes a whole line with one write(2): nothing sits in a buffer.
-bool writeLine(int fd, const std::string& text) {
-    const std::string line = text + "\n";
+// Writes all of `line` at once: nothing sits in a buffer.
+bool writeAll(int fd, const std::string& line) {
     std::size_t done = 0;
     while (done < line.size()) {
         const ssize_t n = ::write(fd, line.data() + done, line.size() - done);
@@ -48,6 +49,11 @@ bool writeLine(int fd, const std::string& text) {
         done += static_cast<std::size_t>(n);
     }
     return true;
+}
+
+// Writes a whole line with one write(2).
+bool writeLine(int fd, const std::string& text) {
+    return writeAll(fd, text + "\n");
 }
 
 void complain(const std::string& text) {
@@ -126,13 +132,20 @@ class Helper {
                     complain(error);
                     return 1;
                 }
+                std::string sampleLines;
                 for (const auto& sample : samples) {
-                    if (auto impact =
-                            detector_.addSample(sample.time, sample.g.x, sample.g.y, sample.g.z)) {
-                        if (!report(*impact)) {
-                            return 0;
-                        }
+                    auto impact =
+                        detector_.addSample(sample.time, sample.g.x, sample.g.y, sample.g.z);
+                    if (streamSamples_) {
+                        sampleLines += thuzz::sampleLine(detector_.lastJolt()) + '\n';
                     }
+                    if (impact && !report(*impact)) {
+                        return 0;
+                    }
+                }
+                // All the readings of one wake-up in one write.
+                if (!sampleLines.empty() && !writeAll(1, sampleLines)) {
+                    return 0;
                 }
             }
             if (stdinOpen && fds[2].revents) {
@@ -162,6 +175,10 @@ class Helper {
     }
 
     void onCommand(std::string_view line) {
+        if (const std::optional<bool> on = thuzz::parseSamplesCommand(line)) {
+            streamSamples_ = *on;
+            return;
+        }
         std::string why;
         auto command = thuzz::parseSetCommand(line, &why);
         if (!command) {
@@ -186,6 +203,7 @@ class Helper {
     accel::SampleSource& source_;
     thuzz::ImpactDetector detector_;
     thuzz::LineReader lines_;
+    bool streamSamples_ = false;
 };
 
 }  // namespace

@@ -78,6 +78,7 @@ TEST_F(AppDelegateTest, StartUpRunsInItsFixedOrder) {
         "detector.minAmplitude=0.05", "engine.updateTuning(0.05,750)", "save",  //
         "detector.cooldown=0.75", "engine.updateTuning(0.05,750)", "save",      //
         "save", "save", "save", "audio.resetTracker", "save", "detector.onMagnitudeSample",
+        "engine.onSample",
         // tuning and callbacks
         "detector.minAmplitude=0.05", "detector.cooldown=0.75", "detector.onSlap",
         "engine.minAmplitude=0.05", "engine.cooldownMs=750", "engine.onEvent", "engine.onStatus",

@@ -16,9 +16,12 @@
 #include <vector>
 
 using bonkwell::decodeThuzzEvent;
+using bonkwell::decodeThuzzSample;
+using bonkwell::isThuzzSampleLine;
 using bonkwell::LineSplitter;
 using bonkwell::shortestRoundTrip;
 using bonkwell::thuzzLaunchArguments;
+using bonkwell::thuzzSamplesCommand;
 using bonkwell::thuzzSetCommand;
 
 namespace {
@@ -235,3 +238,27 @@ TEST(LineSplitter, LineOfExactlyTheLimitIsKeptOneMoreIsDropped) {
 }
 
 }  // namespace
+
+TEST(ThuzzSamples, TheCommandsAreOneLineEach) {
+    EXPECT_EQ(thuzzSamplesCommand(true), QByteArray("{\"cmd\":\"samples\",\"on\":true}\n"));
+    EXPECT_EQ(thuzzSamplesCommand(false), QByteArray("{\"cmd\":\"samples\",\"on\":false}\n"));
+}
+
+TEST(ThuzzSamples, SampleLinesAreRecognisedByTheirStart) {
+    EXPECT_TRUE(isThuzzSampleLine("{\"jolt\":0.0123}"));
+    EXPECT_TRUE(isThuzzSampleLine("{\"jolt\":garbage"));
+    EXPECT_FALSE(isThuzzSampleLine("{\"amplitude\":0.2,\"slapNumber\":1}"));
+    EXPECT_FALSE(isThuzzSampleLine(" {\"jolt\":0.1}"));
+    EXPECT_FALSE(isThuzzSampleLine("reading iio:device0"));
+}
+
+TEST(ThuzzSamples, DecodesTheJolt) {
+    EXPECT_EQ(decodeThuzzSample("{\"jolt\":0.0123}"), std::optional<double>(0.0123));
+    EXPECT_EQ(decodeThuzzSample("{\"jolt\":0}"), std::optional<double>(0.0));
+    EXPECT_EQ(decodeThuzzSample("{\"jolt\":1e-3}"), std::optional<double>(0.001));
+    for (const char* bad :
+         {"{\"jolt\":}", "{\"jolt\":-0.5}", "{\"jolt\":nan}", "{\"jolt\":inf}", "{\"jolt\":0.1",
+          "{\"jolt\":0.1 }", "{\"jolt\":0.1,\"x\":1}", "{\"amplitude\":0.1}"}) {
+        EXPECT_EQ(decodeThuzzSample(bad), std::nullopt) << bad;
+    }
+}

@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 using namespace bonkwell;
@@ -177,36 +178,92 @@ TEST_F(Engine, TuningWhileIdleSendsNothingAndTheNextStartPassesIt) {
     ::close(sv[1]);
 }
 
-TEST_F(Engine, TuningWhileRunningWritesTheSetCommandToTheInheritedStandardInput) {
+TEST_F(Engine, TuningWhileRunningWritesTheSetCommandToThePipeOnTheHelpersStandardInput) {
     int sv[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
-    StdinSwap swap(sv[0]);
+    StdinSwap swap(sv[0]);  // the app's own standard input gets nothing
+    ::setenv("FAKE_MODE", "stdin", 1);
     installFakeHelper();
     engine->start();
     ASSERT_TRUE(waitForStarts(1));
     engine->updateTuning(0.3, 500);
-    EXPECT_EQ(readAvailable(sv[1], 2000),
-              QByteArray("{\"cmd\":\"set\",\"amplitude\":0.3,\"cooldown\":500}\n"));
+    const QString received = record.path() + "/stdin." + startedPids()[0];
+    const QByteArray first = "{\"cmd\":\"set\",\"amplitude\":0.3,\"cooldown\":500}\n";
+    ASSERT_TRUE(waitUntil([&] { return readFile(received) == first; }))
+        << readFile(received).toStdString();
     engine->updateTuning(0.00001, 1250);
-    EXPECT_EQ(readAvailable(sv[1], 2000),
-              QByteArray("{\"cmd\":\"set\",\"amplitude\":1e-05,\"cooldown\":1250}\n"));
+    const QByteArray both = first + "{\"cmd\":\"set\",\"amplitude\":1e-05,\"cooldown\":1250}\n";
+    ASSERT_TRUE(waitUntil([&] { return readFile(received) == both; }))
+        << readFile(received).toStdString();
     EXPECT_EQ(engine->minAmplitude(), 0.00001);
     EXPECT_EQ(engine->cooldownMs(), 1250);
+    EXPECT_EQ(readAvailable(sv[1], 100), QByteArray());
     ::close(sv[0]);
     ::close(sv[1]);
 }
 
-TEST_F(Engine, TuningWithAReadOnlyStandardInputIsIgnored) {
-    const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(devNull, 0);
-    StdinSwap swap(devNull);
-    installFakeHelper();
+TEST_F(Engine, AHelperThatReadsNoCommandsNeverBlocksTuning) {
+    installFakeHelper();  // sleeps without reading its standard input
     engine->start();
     ASSERT_TRUE(waitForStarts(1));
-    engine->updateTuning(0.2, 100);  // the write fails; nothing else happens
-    EXPECT_EQ(engine->minAmplitude(), 0.2);
+    // Far more than a pipe holds: the writes that do not fit are dropped, none blocks.
+    for (int i = 0; i < 5000; ++i) {
+        engine->updateTuning(0.2, 100 + i);
+    }
+    EXPECT_EQ(engine->cooldownMs(), 5099);
+    EXPECT_TRUE(engine->isRunning());
     EXPECT_EQ(statuses, QStringList{"Engine running"});
-    ::close(devNull);
+}
+
+TEST_F(Engine, LiveViewersTurnTheHelpersSamplesOnAndOff) {
+    ::setenv("FAKE_MODE", "stdin", 1);
+    installFakeHelper();
+    const QByteArray on = "{\"cmd\":\"samples\",\"on\":true}\n";
+    const QByteArray off = "{\"cmd\":\"samples\",\"on\":false}\n";
+    engine->addLiveViewer();  // not running: nothing to tell yet
+    engine->start();          // a new helper is told at once
+    ASSERT_TRUE(waitForStarts(1));
+    const QString first = record.path() + "/stdin." + startedPids()[0];
+    ASSERT_TRUE(waitUntil([&] { return readFile(first) == on; })) << readFile(first).toStdString();
+    engine->addLiveViewer();
+    engine->removeLiveViewer();  // one viewer is still open
+    engine->removeLiveViewer();
+    ASSERT_TRUE(waitUntil([&] { return readFile(first) == on + off; }))
+        << readFile(first).toStdString();
+    EXPECT_EQ(engine->liveViewers(), 0);
+
+    engine->stop();
+    engine->start();  // no viewer: the next helper hears nothing
+    ASSERT_TRUE(waitForStarts(2));
+    const QString second = record.path() + "/stdin." + startedPids()[1];
+    engine->updateTuning(0.1, 750);
+    const QByteArray tuning = "{\"cmd\":\"set\",\"amplitude\":0.1,\"cooldown\":750}\n";
+    ASSERT_TRUE(waitUntil([&] { return readFile(second) == tuning; }))
+        << readFile(second).toStdString();
+}
+
+TEST_F(Engine, SampleLinesGoToTheSampleHandlerAndNeverToTheLog) {
+    writeFile(record.path() + "/out",
+              "{\"jolt\":0.0123}\n{\"jolt\":0.5}\n{\"jolt\":oops}\n{\"jolt\":-1}\n"
+              "{\"amplitude\":0.31,\"severity\":\"slap\",\"slapNumber\":1}\n{\"jolt\":0.25}\n"
+              "ready\n");
+    ::setenv("FAKE_STDOUT_FILE", qPrintable(record.path() + "/out"), 1);
+    installFakeHelper();
+    std::mutex lock;
+    std::vector<double> samples;
+    bool onMainThread = false;
+    engine->setOnSample([&](double jolt) {
+        std::lock_guard guard(lock);
+        samples.push_back(jolt);
+        onMainThread = onMainThread || QThread::currentThread() == qApp->thread();
+    });
+    engine->start();
+    ASSERT_TRUE(waitUntil([&] { return events.size() == 1 && log.lines().size() == 1; }));
+    std::lock_guard guard(lock);
+    EXPECT_EQ(samples, (std::vector<double>{0.0123, 0.5, 0.25}));
+    EXPECT_FALSE(onMainThread);
+    EXPECT_EQ(events[0], (ThuzzEvent{0.31, "slap", 1}));
+    EXPECT_EQ(log.lines(), QStringList{"thuzz-detector: ready"});
 }
 
 TEST_F(Engine, StartTwiceWhileRunningLaunchesOneChild) {

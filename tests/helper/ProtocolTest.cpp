@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -145,4 +147,29 @@ TEST(EventLineTest, WritesOneJsonObject) {
               R"({"amplitude":0.3125,"severity":"smack","slapNumber":4})");
     EXPECT_EQ(eventLine(1.23456, "wallop", 12),
               R"({"amplitude":1.2346,"severity":"wallop","slapNumber":12})");
+}
+
+TEST(SamplesCommandTest, TurnsSamplesOnAndOff) {
+    EXPECT_EQ(parseSamplesCommand(R"({"cmd":"samples","on":true})"), std::optional<bool>(true));
+    EXPECT_EQ(parseSamplesCommand(R"({"cmd":"samples","on":false})"), std::optional<bool>(false));
+    EXPECT_EQ(parseSamplesCommand(R"( { "on" : true , "cmd" : "samples" } )"),
+              std::optional<bool>(true));
+}
+
+TEST(SamplesCommandTest, OtherLinesAreNotSamplesCommands) {
+    for (const char* line :
+         {R"({"cmd":"samples"})", R"({"cmd":"samples","on":1})", R"({"cmd":"samples","on":"true"})",
+          R"({"cmd":"set","on":true})", R"({"cmd":"set","amplitude":0.1})", "samples on", "",
+          R"({"cmd":"samples","on":true)"}) {
+        EXPECT_EQ(parseSamplesCommand(line), std::nullopt) << line;
+        EXPECT_EQ(parseSetCommand(R"({"cmd":"samples","on":true})"), std::nullopt);
+    }
+}
+
+TEST(SampleLineTest, OneJoltInGWithFourDecimals) {
+    EXPECT_EQ(sampleLine(0.01234), R"({"jolt":0.0123})");
+    EXPECT_EQ(sampleLine(0.0), R"({"jolt":0.0000})");
+    EXPECT_EQ(sampleLine(2.5), R"({"jolt":2.5000})");
+    EXPECT_EQ(sampleLine(1e300), R"({"jolt":99.0000})");
+    EXPECT_EQ(sampleLine(std::nan("")), R"({"jolt":0.0000})");
 }

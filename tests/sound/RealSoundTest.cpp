@@ -320,3 +320,32 @@ TEST_F(RealSoundTest, WithoutAnyDeviceOneLineThenTheNextPlaybackTriesAgain) {
 }
 
 }  // namespace
+
+TEST_F(RealSoundTest, TheBufferIsTheDriversUnlessOneIsGiven) {
+    {
+        auto output = std::make_unique<SdlSoundOutput>();
+        const SdlSoundOutput* out = output.get();
+        player_ = std::make_unique<AudioPlayer>(clock_, std::move(output));
+        EXPECT_EQ(out->bufferFrames(), 0) << "closed";
+        slap(kData + "/tone-440.mp3", 0.8);
+        settle();
+        ASSERT_TRUE(out->isOpen());
+        EXPECT_EQ(out->bufferFrames(), SdlSoundOutput::bufferFramesFor(QStringLiteral("disk")));
+        player_.reset();
+    }
+    SdlSoundOutput::Options options;
+    options.bufferFrames = 128;
+    auto output = std::make_unique<SdlSoundOutput>(options);
+    const SdlSoundOutput* out = output.get();
+    player_ = std::make_unique<AudioPlayer>(clock_, std::move(output));
+    slap(kData + "/tone-440.mp3", 0.8);
+    settle();
+    ASSERT_TRUE(out->isOpen());
+    EXPECT_EQ(out->bufferFrames(), 128);
+}
+
+TEST(SoundBufferTest, DriversWithoutAMeasuredSizeGetTheSafeOne) {
+    EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QStringLiteral("alsa")), 512);
+    EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QStringLiteral("disk")), 512);
+    EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QString()), 512);
+}

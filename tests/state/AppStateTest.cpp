@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <thread>
 
 using namespace bonkwell;
 using namespace bonkwell::test;
@@ -90,7 +91,7 @@ TEST_F(AppStateTest, BindWithInstalledHelperStartsTheEngineOnceTunesTwiceAndSave
                            "detector.cooldown=0.75", "engine.updateTuning(0.05,750)", "save",
                            "save", "save", "save",        //
                            "audio.resetTracker", "save",  //
-                           "detector.onMagnitudeSample"}));
+                           "detector.onMagnitudeSample", "engine.onSample"}));
     EXPECT_EQ(state->cancellables.size(), 7u);
     EXPECT_EQ(state->engineStatus.get(), "Idle");  // the handler never writes the status
 }
@@ -221,6 +222,52 @@ TEST_F(AppStateTest, SamplesAfterTheModelIsGoneDoNothing) {
     detector.onMagnitudeSample(0.2);  // the detector outlives the model
     drainMainQueue();                 // neither task touches freed memory
     SUCCEED();
+}
+
+TEST_F(AppStateTest, TheEnginesSamplesFromAnotherThreadReachTheLiveMagnitude) {
+    auto state = makeState();
+    bindAll(*state);
+    ASSERT_TRUE(engine.onSample);
+    std::thread reader([this] {
+        engine.onSample(0.25);
+        engine.onSample(0.125);
+    });
+    reader.join();
+    EXPECT_EQ(state->liveMagnitude.get(), 0.0);  // not yet: the hop is asynchronous
+    drainMainQueue();
+    EXPECT_EQ(state->liveMagnitude.get(), 0.125);
+    EXPECT_EQ(state->liveSeries.get(), (std::vector<double>{0.25, 0.125}));
+}
+
+TEST_F(AppStateTest, EngineSamplesAfterTheModelIsGoneDoNothing) {
+    auto state = makeState();
+    bindAll(*state);
+    engine.onSample(0.1);  // queued while the model lives
+    state.reset();
+    engine.onSample(0.2);  // the engine outlives the model
+    drainMainQueue();
+    EXPECT_EQ(engine.liveViewers, 0);
+}
+
+TEST_F(AppStateTest, LiveViewersReachBothDetectionPaths) {
+    auto state = makeState();
+    {
+        LiveViewerHold early(*state);  // a window open before binding
+        EXPECT_EQ(state->liveViewers(), 1);
+        bindAll(*state);
+        EXPECT_EQ(detector.liveViewers, 1);
+        EXPECT_EQ(engine.liveViewers, 1);
+        {
+            LiveViewerHold second(*state);
+            EXPECT_EQ(detector.liveViewers, 2);
+            EXPECT_EQ(engine.liveViewers, 2);
+        }
+        EXPECT_EQ(detector.liveViewers, 1);
+        EXPECT_EQ(engine.liveViewers, 1);
+    }
+    EXPECT_EQ(state->liveViewers(), 0);
+    EXPECT_EQ(detector.liveViewers, 0);
+    EXPECT_EQ(engine.liveViewers, 0);
 }
 
 TEST_F(AppStateTest, ASubscriptionOutlivingItsModelIsInert) {

@@ -103,6 +103,14 @@ class RecordingEngine final : public ThuzzEngineInterface {
         journal_.calls.append(QStringLiteral("engine.onStatus"));
         onStatus = std::move(handler);
     }
+    void setOnSample(std::function<void(double)> handler) override {
+        journal_.calls.append(QStringLiteral("engine.onSample"));
+        onSample = std::move(handler);
+    }
+    void addLiveViewer() override { ++liveViewers; }
+    void removeLiveViewer() override { --liveViewers; }
+    int liveViewers = 0;
+    std::function<void(double)> onSample;
     bool installHelper() override {
         journal_.calls.append(QStringLiteral("engine.installHelper"));
         if (duringInstall) {

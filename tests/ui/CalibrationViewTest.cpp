@@ -235,16 +235,16 @@ TEST(CalibrationWindowTest, TheOpenWindowWatchesLiveSamples) {
     test::ViewFixture f;
     {
         CalibrationWindowController controller(*f.state, f.detector, f.clock);
-        EXPECT_EQ(f.detector.liveViewers, 0);
+        EXPECT_EQ(f.state->liveViewers(), 0);
         controller.show();
         controller.show();
-        EXPECT_EQ(f.detector.liveViewers, 1);  // one window, one viewer
+        EXPECT_EQ(f.state->liveViewers(), 1);  // one window, one viewer
         ASSERT_TRUE(controller.window()->close());
-        EXPECT_EQ(f.detector.liveViewers, 0);
+        EXPECT_EQ(f.state->liveViewers(), 0);
         controller.show();
-        EXPECT_EQ(f.detector.liveViewers, 1);
+        EXPECT_EQ(f.state->liveViewers(), 1);
     }
-    EXPECT_EQ(f.detector.liveViewers, 0);  // gone with the controller
+    EXPECT_EQ(f.state->liveViewers(), 0);  // gone with the controller
 }
 
 TEST(CalibrationWindowTest, TheControllerTakesItsOpenWindowWithIt) {

@@ -132,16 +132,16 @@ TEST_F(SettingsWindowTest, ReopeningAfterCloseStartsAfreshWithTheTaskbarSwitchOf
 }
 
 TEST_F(SettingsWindowTest, TheOpenWindowWatchesLiveSamplesForItsDiagnosticsGraph) {
-    EXPECT_EQ(f.detector.liveViewers, 0);
+    EXPECT_EQ(f.state->liveViewers(), 0);
     open();
     open();
-    EXPECT_EQ(f.detector.liveViewers, 1);
+    EXPECT_EQ(f.state->liveViewers(), 1);
     ASSERT_TRUE(controller->window()->close());
-    EXPECT_EQ(f.detector.liveViewers, 0);
+    EXPECT_EQ(f.state->liveViewers(), 0);
     open();
-    EXPECT_EQ(f.detector.liveViewers, 1);
+    EXPECT_EQ(f.state->liveViewers(), 1);
     controller.reset();
-    EXPECT_EQ(f.detector.liveViewers, 0);
+    EXPECT_EQ(f.state->liveViewers(), 0);
 }
 
 // ---- General tab ----

@@ -4,7 +4,8 @@
 #   FAKE_RECORD       folder: the arguments go to args.<pid> (one per line), the pid to starts
 #   FAKE_STDOUT_FILE  file copied to standard output first
 #   FAKE_STDERR_TEXT  text written to standard error
-#   FAKE_MODE         exit | hang (default) | term-talks | flood
+#   FAKE_MODE         exit | hang (default) | term-talks | flood | stdin (copies its standard
+#                     input to stdin.<pid> as it comes)
 rec="${FAKE_RECORD:?}"
 printf '%s\n' "$@" > "$rec/args.$$"
 echo $$ >> "$rec/starts"
@@ -23,6 +24,8 @@ case "${FAKE_MODE:-hang}" in
         head -c 100000000 /dev/zero | tr '\000' 'a'
         printf '\n{"amplitude":0.5,"severity":"hard","slapNumber":7}\n'
         exit 0 ;;
+    stdin)
+        exec cat > "$rec/stdin.$$" ;;
     *)
         exec sleep 60 ;;
 esac

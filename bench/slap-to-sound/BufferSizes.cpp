@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "BufferSizes.h"
+
+#include "AudioPlayer.h"
+#include "Clock.h"
+#include "SdlSoundOutput.h"
+
+#include <QByteArray>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+#include <thread>
+
+namespace bonkwell::bench {
+namespace {
+
+constexpr double kToneSeconds = 3.0;
+constexpr int kTones = 2;
+
+void put16(QByteArray& out, std::uint16_t v) {
+    out.append(static_cast<char>(v & 0xff));
+    out.append(static_cast<char>(v >> 8));
+}
+
+void put32(QByteArray& out, std::uint32_t v) {
+    put16(out, static_cast<std::uint16_t>(v & 0xffff));
+    put16(out, static_cast<std::uint16_t>(v >> 16));
+}
+
+// A steady 440 Hz tone at half scale, 48 kHz stereo 16-bit WAV.
+bool writeTone(const QString& path) {
+    const auto frames = static_cast<std::uint32_t>(kToneSeconds * kRecordRate);
+    QByteArray wav;
+    wav.append("RIFF");
+    put32(wav, 36 + frames * 4);
+    wav.append("WAVEfmt ");
+    put32(wav, 16);
+    put16(wav, 1);  // PCM
+    put16(wav, 2);
+    put32(wav, kRecordRate);
+    put32(wav, kRecordRate * 4);
+    put16(wav, 4);
+    put16(wav, 16);
+    wav.append("data");
+    put32(wav, frames * 4);
+    for (std::uint32_t i = 0; i < frames; ++i) {
+        const double x = 0.5 * std::sin(2.0 * M_PI * 440.0 * i / kRecordRate);
+        const auto v = static_cast<std::int16_t>(std::lrint(x * 32767.0));
+        put16(wav, static_cast<std::uint16_t>(v));
+        put16(wav, static_cast<std::uint16_t>(v));
+    }
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(wav) == wav.size();
+}
+
+// Busy processes, one per core, for as long as this exists.
+class Load {
+  public:
+    explicit Load(int processes) {
+        for (int i = 0; i < processes; ++i) {
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                volatile std::uint64_t spin = 0;
+                for (;;) {
+                    spin = spin + 1;
+                }
+            }
+            if (pid > 0) {
+                pids_.push_back(pid);
+            }
+        }
+    }
+    ~Load() {
+        for (const pid_t pid : pids_) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+    }
+    Load(const Load&) = delete;
+    Load& operator=(const Load&) = delete;
+
+  private:
+    std::vector<pid_t> pids_;
+};
+
+}  // namespace
+
+void compareBufferSizes(Recorder& recorder, const SoundPack& clips, const std::vector<int>& frames,
+                        int count) {
+    QTemporaryDir dir;
+    const QString tone = dir.path() + QStringLiteral("/tone.wav");
+    if (!dir.isValid() || !writeTone(tone)) {
+        std::fprintf(stderr, "slap-to-sound: cannot write the test tone\n");
+        return;
+    }
+    SoundPack tonePack;
+    tonePack.name = QStringLiteral("Tone");
+    tonePack.files << tone;
+    const long cores = ::sysconf(_SC_NPROCESSORS_ONLN);
+
+    std::printf(
+        "\nbuffer sizes: playSlap latency (output open, %d triggers) and dropouts in %d "
+        "x %.0f s of a steady tone (runs of >= %d samples of digital silence inside "
+        "it: underruns)\n",
+        count, kTones, kToneSeconds, kDropoutFrames);
+    for (const bool busy : {false, true}) {
+        std::optional<Load> load;
+        if (busy) {
+            load.emplace(static_cast<int>(cores));
+        }
+        for (const int n : frames) {
+            SdlSoundOutput::Options options;
+            options.bufferFrames = n;
+            AudioPlayer player(Clock::system(), std::make_unique<SdlSoundOutput>(options),
+                               std::chrono::seconds(60));
+            player.playSlap(clips, PlayMode::random, 0.8, 1.0, false);  // opens the device
+            std::this_thread::sleep_for(std::chrono::milliseconds(800));
+            const Figures latency =
+                summarize(runTrials([&] { return recorder.takeOnsets(); }, count, 600, 900,
+                                    [&] {
+                                        const double at = monotonicNow();
+                                        player.playSlap(clips, PlayMode::random, 0.8, 1.0, false);
+                                        return at;
+                                    }));
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            recorder.takeDropouts();
+            for (int i = 0; i < kTones; ++i) {
+                player.playTest(tonePack, 1.0);
+                std::this_thread::sleep_for(
+                    std::chrono::milliseconds(static_cast<int>(kToneSeconds * 1000) + 400));
+            }
+            const int dropouts = recorder.takeDropouts();
+            char what[96];
+            std::snprintf(what, sizeof what, "%4d frames (%4.1f ms), %s", n,
+                          n * 1000.0 / kRecordRate, busy ? "all cores busy" : "at rest");
+            std::printf("%-44s median %6.1f ms   p90 %6.1f ms   max %6.1f   dropouts %d%s\n", what,
+                        latency.median(), latency.p90(), latency.at(1.0), dropouts,
+                        latency.silent > 0 ? "  (some triggers unheard)" : "");
+            std::fflush(stdout);
+        }
+    }
+}
+
+}  // namespace bonkwell::bench
