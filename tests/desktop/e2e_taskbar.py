@@ -78,7 +78,7 @@ def run_tray(args, app):
     app.wait_event(r"tray icon shown \(XEmbed\)", 20)
     icon = icon_rect(app)
     click_centre(icon, 3)
-    app.wait_event(r"menu shown", 5)
+    app.wait_event(r"menu shown at .*", 5)
     time.sleep(0.3)
     keys("Down", "Down", "Return")  # "Settings…"
     app.wait_event(r"window shown Bonkwell Settings", 10)
