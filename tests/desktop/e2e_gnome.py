@@ -1,0 +1,380 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""The app on GNOME Shell, driven like a person would: run inside shells/gnome.sh.
+
+  e2e_gnome.py --app BIN --tray appindicator --client wayland|x11 --shots DIR
+  e2e_gnome.py --app BIN --tray none --shots DIR
+
+appindicator (the AppIndicator extension, the app as a Wayland client or through XWayland):
+the icon shows in the top bar and reads against it (3:1); a double click on it (the
+extension's activation) opens the panel under the top bar at the icon, with the keyboard;
+a click elsewhere and Escape close it; a single click opens the menu at the icon, whose
+entries open Settings and Calibration, and "Quit Bonkwell" ends the app with status 0; the
+panel's secondary texts read (4.5:1) in the light and the dark style.
+none (stock GNOME, no tray): the Bonkwell window shows within 3 s of start, its secondary
+texts read, and its Quit button ends the app with status 0.
+
+Pointer and keys go through the shell's own virtual devices; places come from the shell.
+Prints one line per check and a table at the end; fails if any check failed.
+"""
+import argparse
+import os
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from checks import (Checks, Image, ShellLogs, fmt_rect, icon_contrast, opens_at,  # noqa: E402
+                    text_contrast, wait_event, wait_for)
+from desktop_driver import App, Failure, geometry  # noqa: E402
+from gnome_shell import GnomeShell, ShellError  # noqa: E402
+
+# Texts the panel draws in the secondary style: each must read against its background.
+SECONDARY_TEXTS = ("engineStatusLabel", "sensitivityValue", "sensitivityHint", "volumeValue")
+# Named by the panel where it reports them: the captions over the counters.
+OPTIONAL_SECONDARY_TEXTS = ("todayLabel", "totalLabel", "todayCaption", "totalCaption")
+MAX_FALLBACK_S = 3.0
+
+
+class Found:
+    """A step's result: what later steps use, and one short line for the table."""
+
+    def __init__(self, value, text):
+        self.value, self.text = value, text
+
+    def __str__(self):
+        return self.text
+
+
+class Gnome:
+    """One GNOME desktop test: the shell, its logs, the checks and the screenshots."""
+
+    def __init__(self, args, desktop):
+        self.args = args
+        self.desktop = desktop
+        self.logs = ShellLogs(paths=[os.environ.get("BONKWELL_SHELL_LOG", "")])
+        try:
+            self.shell = GnomeShell()
+        except ShellError as error:
+            raise self.logs.failure(f"the shell's test interface does not answer: {error}")
+        self.checks = Checks(desktop)
+        self.home = tempfile.mkdtemp(prefix="bonkwell-home.",
+                                     dir=os.environ.get("BONKWELL_SESSION_DIR"))
+        self.app = None
+
+    def start_app(self):
+        platform = "wayland" if self.args.client == "wayland" else "xcb"
+        self.app = App(self.args.app, self.home, {"QT_QPA_PLATFORM": platform})
+        return self.app
+
+    def shot(self, name):
+        path = os.path.join(self.args.shots, f"{self.desktop}-{name}.png")
+        try:
+            return self.shell.screenshot(path)
+        except ShellError as error:
+            raise self.logs.failure(str(error))
+
+    def event(self, pattern, timeout=10):
+        return wait_event(self.app, pattern, timeout, self.logs)
+
+    def until(self, what, probe, timeout=10):
+        return wait_for(probe, timeout, what, self.logs)
+
+    def rest_pointer(self, away_from=None):
+        """Puts the pointer on the empty desktop, away from `away_from` (x, y, w, h)."""
+        width, height = self.shell.screen_size()
+        x, y = width // 4, height - 100
+        if away_from and away_from[0] < width // 2:
+            x = width * 3 // 4
+        self.shell.move(x, y)
+        return (x, y)
+
+
+# --- the panel ---------------------------------------------------------------------------------
+
+def panel_report(app, timeout=10):
+    """Waits for the panel; returns (where the app put it, {name: (x, y, w, h)} of its named
+    controls, in the app's own coordinates)."""
+    where = geometry(app.wait_event(r"panel shown at (.*)", timeout).group(1))
+    widgets = {}
+    while True:
+        try:
+            m = app.wait_event(r"panel widget (\S+) at (.*)", 0.5)
+        except Failure:
+            break
+        widgets[m.group(1)] = geometry(m.group(2))
+    return where, widgets
+
+
+def app_windows(gnome, title=None):
+    return [w for w in gnome.shell.windows() if w["pid"] == gnome.app.pid and w["visible"] and
+            (title is None or w["title"] == title)]
+
+
+def panel_window(gnome, exclude=("Bonkwell Settings", "Bonkwell Calibration")):
+    """The panel as the compositor shows it: the app's one visible window that is not Settings
+    or Calibration."""
+    found = [w for w in app_windows(gnome) if w["title"] not in exclude]
+    return found[0] if len(found) == 1 else None
+
+
+def on_screen(rect, where, window):
+    """A control's rectangle from the app's coordinates to the screen's: the app reported the
+    panel at `where`, the compositor shows it at `window`."""
+    x, y, w, h = rect
+    return (x - where[0] + window[0], y - where[1] + window[1], w, h)
+
+
+def measure_texts(gnome, widgets, where, window, shot_path):
+    image = Image.load(shot_path)
+    names = list(SECONDARY_TEXTS) + [n for n in OPTIONAL_SECONDARY_TEXTS if n in widgets]
+    missing = [n for n in SECONDARY_TEXTS if n not in widgets]
+    if missing:
+        raise Failure(f"the panel reported no {', '.join(missing)} (has {sorted(widgets)})")
+    return [text_contrast(image, on_screen(widgets[n], where, window), n) for n in names]
+
+
+# --- with the AppIndicator extension ------------------------------------------------------------
+
+def find_icon(gnome):
+    """Waits for the app's item in the top bar; returns (key, button rect, icon rect)."""
+    gnome.event(r"tray icon shown \(StatusNotifierItem\)", 20)
+    last = []
+
+    def settled():
+        """The item, once the bar's layout holds still (an item leaving moves the others)."""
+        now = gnome.shell.indicator_of(gnome.app.pid)
+        steady = now is not None and last and last[-1] == now
+        last.append(now)
+        return now if steady else None
+    key, item = gnome.until("the app's item in the top bar", settled)
+    bar = gnome.shell.top_bar_height()
+    if item["rect"][1] > bar or item["rect"][1] + item["rect"][3] > bar + 1:
+        raise Failure(f"the item at {fmt_rect(item['rect'])} is not in the top bar (0..{bar})")
+    return Found((key, tuple(item["rect"]), tuple(item["icon"])),
+                 f"item {key} at {fmt_rect(item['rect'])}, its image at {fmt_rect(item['icon'])}")
+
+
+def icon_reads(gnome, icon, style):
+    gnome.rest_pointer()
+    shot = gnome.shot(f"{style}-top-bar")
+    return icon_contrast(Image.load(shot), icon)
+
+
+def open_panel(gnome, button):
+    """Activates the item as a person does with this extension (a double click); returns
+    (the app's panel report, the panel's window)."""
+    gnome.shell.click_centre(button, count=2)
+    where, widgets = panel_report(gnome.app)
+    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 5)
+    return Found((where, widgets, window), f"panel shown, on screen at {fmt_rect(window['rect'])}")
+
+
+def panel_at_icon(window, button, bar_height):
+    rect = tuple(window["rect"])
+    if rect[1] < bar_height - 1:
+        raise Failure(f"the panel at {fmt_rect(rect)} covers the top bar (height {bar_height})")
+    why = opens_at(rect, button)
+    if why:
+        raise Failure(f"the panel opens away from the icon: {why}")
+    return f"panel at {fmt_rect(rect)}, icon at {fmt_rect(button)}"
+
+
+def panel_focused(gnome):
+    gnome.event(r"panel active", 5)
+    window = gnome.until("the panel's window taking the keyboard",
+                         lambda: (panel_window(gnome) or {}).get("focus") and panel_window(gnome), 5)
+    return f"the shell's focus window is the panel ({window['title'] or 'untitled'})"
+
+
+def panel_closes(gnome, how, reason):
+    """`how()` closes the panel: the app says why, and the compositor no longer shows it."""
+    how()
+    m = gnome.event(r"panel hidden by (\S+)", 5)
+    if m.group(1) != reason:
+        raise Failure(f"the panel closed ({m.group(1)}), expected {reason}")
+    gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 5)
+
+
+def open_menu(gnome, key, button):
+    gnome.shell.click_centre(button)
+    def laid_out(menu):
+        rects = [menu["rect"]] + [i["rect"] for i in menu["items"]]
+        ok = menu["open"] and all(isinstance(v, int) for r in rects for v in r)
+        return menu if ok and menu["rect"][2] > 0 else None
+    menu = gnome.until("the item's menu", lambda: laid_out(gnome.shell.indicator_menu(key)), 5)
+    gnome.event(r"menu shown( at .*)?", 5)
+    labels = [i["label"] for i in menu["items"] if i["label"]]
+    wanted = ["Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell"]
+    if labels != wanted:
+        raise Failure(f"the menu shows {labels}, expected {wanted}")
+    return menu
+
+
+def menu_at_icon(menu, button):
+    why = opens_at(tuple(menu["rect"]), button)
+    if why:
+        raise Failure(f"the menu opens away from the icon: {why}")
+    return f"menu at {fmt_rect(menu['rect'])}"
+
+
+def choose(gnome, key, button, label, title):
+    """Opens the item's menu, clicks `label`, and waits for the window `title`."""
+    menu = open_menu(gnome, key, button)
+    entry = [i for i in menu["items"] if i["label"] == label][0]
+    gnome.shell.click_centre(entry["rect"])
+    gnome.event(rf"window shown {title}", 10)
+    window = gnome.until(f"the {title} window on screen",
+                         lambda: app_windows(gnome, title), 5)[0]
+    gnome.rest_pointer(window["rect"])
+    gnome.shot(title.split()[-1].lower())
+    return f"{title} at {fmt_rect(window['rect'])}"
+
+
+def quit_from_menu(gnome, key, button):
+    menu = open_menu(gnome, key, button)
+    entry = [i for i in menu["items"] if i["label"] == "Quit Bonkwell"][0]
+    gnome.shell.click_centre(entry["rect"])
+    code = gnome.app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with status {code}")
+    gnome.until("the item leaving the top bar", lambda: key not in gnome.shell.indicators(), 5)
+    return "exit status 0; the item left the top bar"
+
+
+def run_tray(gnome):
+    checks, shell = gnome.checks, gnome.shell
+    bar = shell.top_bar_height()
+    for style in ("light", "dark"):
+        shell.set_style(style)
+        gnome.start_app()
+        found = checks.run(f"icon in the top bar ({style})", find_icon, gnome)
+        if not found:
+            return
+        key, button, icon = found.value
+        checks.run(f"icon contrast ({style})", icon_reads, gnome, icon, style)
+
+        opened = checks.run(f"panel opens on activation ({style})", open_panel, gnome, button)
+        if not opened:
+            return
+        where, widgets, window = opened.value
+        if style == "light":
+            checks.run("panel under the top bar at the icon", panel_at_icon, window, button, bar)
+            checks.run("panel has keyboard focus", panel_focused, gnome)
+        gnome.rest_pointer(window["rect"])
+        shot = gnome.shot(f"{style}-panel")
+        checks.run(f"secondary texts read ({style})", measure_texts, gnome, widgets, where,
+                   tuple(window["rect"]), shot)
+
+        if style == "light":
+            far = gnome.rest_pointer(window["rect"])
+            checks.run("panel closes on a click outside", panel_closes, gnome,
+                       lambda: shell.click(*far), "focus-lost")
+            if checks.run("panel opens again", open_panel, gnome, button):
+                checks.run("panel closes on Escape", panel_closes, gnome,
+                           lambda: shell.key("Escape"), "escape")
+            menu = checks.run("menu opens at the icon", lambda: menu_at_icon(
+                open_menu(gnome, key, button), button))
+            if menu:
+                gnome.shot("menu")
+                shell.key("Escape")
+            checks.run("menu opens Settings", choose, gnome, key, button, "Settings\u2026",
+                       "Bonkwell Settings")
+            checks.run("menu opens Calibration", choose, gnome, key, button, "Calibration\u2026",
+                       "Bonkwell Calibration")
+        else:
+            shell.key("Escape")  # and Quit below ends the app with or without the panel
+        if not checks.run(f"Quit ends the app with status 0 ({style})", quit_from_menu, gnome,
+                          key, button):
+            return
+
+
+# --- stock GNOME --------------------------------------------------------------------------------
+
+def fallback_window(gnome):
+    app = gnome.app
+    event_at, _ = gnome.until("the Bonkwell window", lambda: _shown_at(app), MAX_FALLBACK_S + 2)
+    elapsed = event_at - app.started
+    window = gnome.until("the Bonkwell window on screen", lambda: app_windows(gnome, "Bonkwell"), 2)[0]
+    on_screen_after = time.monotonic() - app.started
+    if elapsed > MAX_FALLBACK_S:
+        raise Failure(f"the window came {elapsed:.1f} s after start (at most {MAX_FALLBACK_S} s)")
+    return Found(window, f"window shown {elapsed:.2f} s after start, on screen by "
+                         f"{on_screen_after:.2f} s")
+
+
+def _shown_at(app):
+    for at, event in app.events.queue:
+        if event == "window shown Bonkwell":
+            return at, event
+    if app.proc.poll() is not None:
+        raise Failure(f"the app ended with status {app.proc.returncode}")
+    return None
+
+
+def window_buttons(app):
+    """{name: rect} of the fallback window's named buttons, from the app's window watch."""
+    buttons = {}
+    for _, event in list(app.events.queue):
+        parts = event.split(" ")
+        if len(parts) == 5 and parts[0] == "widget" and parts[2] == "at":
+            buttons[parts[1].split("/", 1)[-1]] = geometry(" ".join(parts[3:]))
+    return buttons
+
+
+def run_stock(gnome):
+    checks = gnome.checks
+    gnome.start_app()
+    shown = checks.run(f"window within {MAX_FALLBACK_S:.0f} s (no tray)", fallback_window, gnome)
+    if not shown:
+        return
+    window = shown.value
+    gnome.rest_pointer(window["rect"])
+    gnome.shot("window")
+
+    def quit_button():
+        """The window's Quit button where the app reports it; else the window's close, as the
+        title bar's button does."""
+        buttons = gnome.until("the window's buttons", lambda: window_buttons(gnome.app), 3)
+        if "quitButton" not in buttons:
+            raise Failure(f"the window reported no Quit button: {sorted(buttons)}")
+        # An X11 client knows where it is on screen; a Wayland client only where its controls
+        # are in its window, which the compositor places.
+        x, y, w, h = buttons["quitButton"]
+        rect = (x, y, w, h) if gnome.args.client == "x11" else \
+            (x + window["rect"][0], y + window["rect"][1], w, h)
+        gnome.shell.click_centre(rect)
+        code = gnome.app.wait_exit(15)
+        if code != 0:
+            raise Failure(f"the app exited with status {code}")
+        return f"clicked Quit at {fmt_rect(rect)}; exit status 0"
+    checks.run("Quit ends the app with status 0", quit_button)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--tray", required=True, choices=["appindicator", "none"])
+    parser.add_argument("--client", default="wayland", choices=["wayland", "x11"])
+    parser.add_argument("--shots", required=True)
+    args = parser.parse_args()
+    desktop = (f"gnome-appindicator-{args.client}" if args.tray == "appindicator"
+               else f"gnome-stock-{args.client}")
+    gnome = None
+    try:
+        gnome = Gnome(args, desktop)
+        (run_tray if args.tray == "appindicator" else run_stock)(gnome)
+        gnome.checks.finish()
+    except Failure as failure:
+        print(f"FAILED: {failure}", file=sys.stderr)
+        if gnome and gnome.app:
+            print("app log:\n" + "\n".join(gnome.app.log[-60:]), file=sys.stderr)
+        return 1
+    finally:
+        if gnome and gnome.app:
+            gnome.app.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
