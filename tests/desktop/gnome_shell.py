@@ -147,6 +147,15 @@ class GnomeShell:
                  (pid is None or w["pid"] == pid)]
         return found[0] if found else None
 
+    def close_window(self, pid, title):
+        """Asks the window to close, as its title bar's close button does."""
+        if not self.eval(f"""
+                const w = global.get_window_actors().map(a => a.meta_window)
+                    .find(w => w.get_pid() === {int(pid)} && w.get_title() === {json.dumps(title)});
+                if (w) w.delete(global.get_current_time());
+                !!w"""):
+            raise ShellError(f"no window {title!r} of process {pid} to close")
+
     def focus_title(self):
         return self.eval("global.display.focus_window ? global.display.focus_window.get_title() : null")
 
