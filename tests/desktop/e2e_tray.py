@@ -103,7 +103,7 @@ def run_tray(args, app):
                          ("Calibration\u2026", "Bonkwell Calibration")):
         if item is None:
             click_centre(icon, 3)
-            app.wait_event(r"menu shown", 5)
+            app.wait_event(r"menu shown at .*", 5)
             time.sleep(0.3)
             steps = {"Settings\u2026": ["Down", "Down"], "Calibration\u2026": ["Down", "Down", "Down"]}[label]
             keys(*steps, "Return")
@@ -121,7 +121,7 @@ def run_tray(args, app):
     # Quit from the menu.
     if item is None:
         click_centre(icon, 3)
-        app.wait_event(r"menu shown", 5)
+        app.wait_event(r"menu shown at .*", 5)
         time.sleep(0.3)
         keys("Up", "Return")
     else:
