@@ -31,8 +31,9 @@ from gnome_shell import GnomeShell, ShellError  # noqa: E402
 
 # Texts the panel draws in the secondary style: each must read against its background.
 SECONDARY_TEXTS = ("engineStatusLabel", "sensitivityValue", "sensitivityHint", "volumeValue")
-# Named by the panel where it reports them: the captions over the counters.
-OPTIONAL_SECONDARY_TEXTS = ("todayLabel", "totalLabel", "todayCaption", "totalCaption")
+# The counters' captions, one caption line right above each counter.
+CAPTIONS = {"todayCount": "Today", "totalCount": "Total"}
+CAPTION_HEIGHT = 15
 MAX_FALLBACK_S = 3.0
 
 
@@ -127,11 +128,16 @@ def on_screen(rect, where, window):
 
 def measure_texts(gnome, widgets, where, window, shot_path):
     image = Image.load(shot_path)
-    names = list(SECONDARY_TEXTS) + [n for n in OPTIONAL_SECONDARY_TEXTS if n in widgets]
-    missing = [n for n in SECONDARY_TEXTS if n not in widgets]
+    missing = [n for n in SECONDARY_TEXTS + tuple(CAPTIONS) if n not in widgets]
     if missing:
         raise Failure(f"the panel reported no {', '.join(missing)} (has {sorted(widgets)})")
-    return [text_contrast(image, on_screen(widgets[n], where, window), n) for n in names]
+    measures = [text_contrast(image, on_screen(widgets[n], where, window), n)
+                for n in SECONDARY_TEXTS]
+    for counter, caption in CAPTIONS.items():
+        x, y, w, _ = on_screen(widgets[counter], where, window)
+        measures.append(text_contrast(image, (x, y - CAPTION_HEIGHT, w, CAPTION_HEIGHT),
+                                      f'"{caption}" caption'))
+    return measures
 
 
 # --- with the AppIndicator extension ------------------------------------------------------------
@@ -197,13 +203,17 @@ def panel_closes(gnome, how, reason):
 
 
 def open_menu(gnome, key, button):
+    """A single click on the item: the extension draws the app's menu itself (the app's own
+    menu, exported over D-Bus); the shell tells where."""
+    if gnome.shell.indicator_menu(key)["open"]:
+        gnome.shell.key("Escape")  # left open by a failed step
+        gnome.until("the menu closing", lambda: not gnome.shell.indicator_menu(key)["open"], 5)
     gnome.shell.click_centre(button)
     def laid_out(menu):
         rects = [menu["rect"]] + [i["rect"] for i in menu["items"]]
         ok = menu["open"] and all(isinstance(v, int) for r in rects for v in r)
         return menu if ok and menu["rect"][2] > 0 else None
     menu = gnome.until("the item's menu", lambda: laid_out(gnome.shell.indicator_menu(key)), 5)
-    gnome.event(r"menu shown( at .*)?", 5)
     labels = [i["label"] for i in menu["items"] if i["label"]]
     wanted = ["Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell"]
     if labels != wanted:
@@ -229,6 +239,19 @@ def choose(gnome, key, button, label, title):
     gnome.rest_pointer(window["rect"])
     gnome.shot(title.split()[-1].lower())
     return f"{title} at {fmt_rect(window['rect'])}"
+
+
+def open_from_menu(gnome, key, button, bar_height):
+    """"Open Bonkwell" in the menu opens the panel at the icon too; Escape closes it."""
+    menu = open_menu(gnome, key, button)
+    entry = [i for i in menu["items"] if i["label"] == "Open Bonkwell"][0]
+    gnome.shell.click_centre(entry["rect"])
+    panel_report(gnome.app)
+    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 5)
+    where = panel_at_icon(window, button, bar_height)
+    gnome.shell.key("Escape")
+    gnome.event(r"panel hidden", 5)
+    return where
 
 
 def quit_from_menu(gnome, key, button):
@@ -282,6 +305,8 @@ def run_tray(gnome):
                        "Bonkwell Settings")
             checks.run("menu opens Calibration", choose, gnome, key, button, "Calibration\u2026",
                        "Bonkwell Calibration")
+            checks.run("menu's Open Bonkwell opens the panel at the icon", open_from_menu, gnome,
+                       key, button, bar)
         else:
             shell.key("Escape")  # and Quit below ends the app with or without the panel
         if not checks.run(f"Quit ends the app with status 0 ({style})", quit_from_menu, gnome,
