@@ -188,8 +188,10 @@ def panel_at_icon(window, button, bar_height):
 
 def panel_focused(gnome):
     gnome.event(r"panel active", 5)
-    window = gnome.until("the panel's window taking the keyboard",
-                         lambda: (panel_window(gnome) or {}).get("focus") and panel_window(gnome), 5)
+    def focused():
+        window = panel_window(gnome)
+        return window if window and window["focus"] else None
+    window = gnome.until("the panel's window taking the keyboard", focused, 5)
     return f"the shell's focus window is the panel ({window['title'] or 'untitled'})"
 
 
@@ -320,7 +322,8 @@ def fallback_window(gnome):
     app = gnome.app
     event_at, _ = gnome.until("the Bonkwell window", lambda: _shown_at(app), MAX_FALLBACK_S + 2)
     elapsed = event_at - app.started
-    window = gnome.until("the Bonkwell window on screen", lambda: app_windows(gnome, "Bonkwell"), 2)[0]
+    window = gnome.until("the Bonkwell window on screen",
+                         lambda: app_windows(gnome, "Bonkwell"), 2)[0]
     on_screen_after = time.monotonic() - app.started
     if elapsed > MAX_FALLBACK_S:
         raise Failure(f"the window came {elapsed:.1f} s after start (at most {MAX_FALLBACK_S} s)")

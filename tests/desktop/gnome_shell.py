@@ -54,8 +54,10 @@ class GnomeShell:
             const C = imports.gi.Clutter;
             const seat = C.get_default_backend().get_default_seat();
             if (!global._bonkwellPointer) {
-                global._bonkwellPointer = seat.create_virtual_device(C.InputDeviceType.POINTER_DEVICE);
-                global._bonkwellKeyboard = seat.create_virtual_device(C.InputDeviceType.KEYBOARD_DEVICE);
+                global._bonkwellPointer =
+                    seat.create_virtual_device(C.InputDeviceType.POINTER_DEVICE);
+                global._bonkwellKeyboard =
+                    seat.create_virtual_device(C.InputDeviceType.KEYBOARD_DEVICE);
             }
             true""")
 
@@ -80,7 +82,10 @@ class GnomeShell:
     # The pointer and the keyboard.
 
     def move(self, x, y):
-        self.eval(f"global._bonkwellPointer.notify_absolute_motion(imports.gi.GLib.get_monotonic_time(), {x}, {y}); true")
+        self.eval(f"""
+            global._bonkwellPointer.notify_absolute_motion(
+                imports.gi.GLib.get_monotonic_time(), {x}, {y});
+            true""")
         time.sleep(0.1)
 
     def click(self, x, y, count=1, button=1):
@@ -90,7 +95,8 @@ class GnomeShell:
             const C = imports.gi.Clutter;
             const now = imports.gi.GLib.get_monotonic_time();
             for (let i = 0; i < {count}; i++) {{
-                global._bonkwellPointer.notify_button(now + i * 60000, {button}, C.ButtonState.PRESSED);
+                global._bonkwellPointer.notify_button(now + i * 60000, {button},
+                                                      C.ButtonState.PRESSED);
                 global._bonkwellPointer.notify_button(now + i * 60000 + 20000, {button},
                                                       C.ButtonState.RELEASED);
             }}
@@ -157,7 +163,7 @@ class GnomeShell:
             raise ShellError(f"no window {title!r} of process {pid} to close")
 
     def focus_title(self):
-        return self.eval("global.display.focus_window ? global.display.focus_window.get_title() : null")
+        return self.eval("global.display.focus_window?.get_title() ?? null")
 
     # The AppIndicator extension's items in the top bar.
 

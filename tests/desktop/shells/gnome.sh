@@ -36,7 +36,8 @@ indicator_uuid="ubuntu-appindicators@ubuntu.com"
 # another X server left that folder stricter, the session gets a private one of its own, in a
 # mount namespace that ends with it.
 x11_unix_ok() { [ "$(stat -c %a /tmp/.X11-unix 2>/dev/null)" = 1777 ]; }
-if [ -z "${BONKWELL_IN_GNOME_SESSION:-}" ] && [ -z "${BONKWELL_GNOME_NAMESPACE:-}" ] && ! x11_unix_ok; then
+if [ -z "${BONKWELL_IN_GNOME_SESSION:-}" ] && [ -z "${BONKWELL_GNOME_NAMESPACE:-}" ] &&
+    ! x11_unix_ok; then
     if unshare --mount --propagation private true 2>/dev/null; then
         export BONKWELL_GNOME_NAMESPACE=1
         exec unshare --mount --propagation private "$0" --tray "$tray" -- "$@"
@@ -54,7 +55,8 @@ if [ -z "${BONKWELL_IN_GNOME_SESSION:-}" ]; then
         command -v "$tool" >/dev/null ||
             { echo "gnome.sh: $tool is missing (run scripts/install-deps)" >&2; exit 1; }
     done
-    if [ "$tray" = appindicator ] && [ ! -d "/usr/share/gnome-shell/extensions/$indicator_uuid" ]; then
+    if [ "$tray" = appindicator ] &&
+        [ ! -d "/usr/share/gnome-shell/extensions/$indicator_uuid" ]; then
         echo "gnome.sh: the AppIndicator extension is missing (run scripts/install-deps)" >&2
         exit 1
     fi
@@ -79,7 +81,8 @@ if [ -z "${BONKWELL_IN_GNOME_SESSION:-}" ]; then
     system_bus_pid=$!
     for ((n=0; n<100; n++)); do [ -S "$scratch/system_bus_socket" ] && break; sleep 0.1; done
     [ -S "$scratch/system_bus_socket" ] ||
-        { echo "gnome.sh: the private system bus did not start" >&2; cat "$scratch/system-bus.log" >&2; exit 1; }
+        { echo "gnome.sh: the private system bus did not start" >&2
+          cat "$scratch/system-bus.log" >&2; exit 1; }
     export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$scratch/system_bus_socket"
     export BONKWELL_IN_GNOME_SESSION=1 BONKWELL_SESSION_DIR="$scratch"
     status=0
@@ -155,9 +158,13 @@ if [ "$tray" = appindicator ]; then
     wait_for 30 "the AppIndicator extension" shell_true \
         "Main.extensionManager.lookup('$indicator_uuid')?.state === 1"
     wait_for 30 "the AppIndicator extension's StatusNotifier host" sh -c \
-        "gdbus call --session --dest org.kde.StatusNotifierWatcher --object-path /StatusNotifierWatcher \
+        "gdbus call --session --dest org.kde.StatusNotifierWatcher \
+         --object-path /StatusNotifierWatcher \
          --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierWatcher \
          IsStatusNotifierHostRegistered | grep -q true"
+elif gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
+        --method org.freedesktop.DBus.NameHasOwner org.kde.StatusNotifierWatcher | grep -q true; then
+    fail "stock GNOME has no tray, yet something owns org.kde.StatusNotifierWatcher"
 fi
 
 # X11 clients go through XWayland; the shell knows its display and the key to it.
