@@ -172,7 +172,7 @@ def open_panel(gnome, button):
     (the app's panel report, the panel's window)."""
     gnome.shell.click_centre(button, count=2)
     where, widgets = panel_report(gnome.app)
-    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 5)
+    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
     return Found((where, widgets, window), f"panel shown, on screen at {fmt_rect(window['rect'])}")
 
 
@@ -187,21 +187,21 @@ def panel_at_icon(window, button, bar_height):
 
 
 def panel_focused(gnome):
-    gnome.event(r"panel active", 5)
+    gnome.event(r"panel active", 10)
     def focused():
         window = panel_window(gnome)
         return window if window and window["focus"] else None
-    window = gnome.until("the panel's window taking the keyboard", focused, 5)
+    window = gnome.until("the panel's window taking the keyboard", focused, 10)
     return f"the shell's focus window is the panel ({window['title'] or 'untitled'})"
 
 
 def panel_closes(gnome, how, reason):
     """`how()` closes the panel: the app says why, and the compositor no longer shows it."""
     how()
-    m = gnome.event(r"panel hidden by (\S+)", 5)
+    m = gnome.event(r"panel hidden by (\S+)", 10)
     if m.group(1) != reason:
         raise Failure(f"the panel closed ({m.group(1)}), expected {reason}")
-    gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 5)
+    gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 10)
 
 
 def open_menu(gnome, key, button):
@@ -209,13 +209,13 @@ def open_menu(gnome, key, button):
     menu, exported over D-Bus); the shell tells where."""
     if gnome.shell.indicator_menu(key)["open"]:
         gnome.shell.key("Escape")  # left open by a failed step
-        gnome.until("the menu closing", lambda: not gnome.shell.indicator_menu(key)["open"], 5)
+        gnome.until("the menu closing", lambda: not gnome.shell.indicator_menu(key)["open"], 10)
     gnome.shell.click_centre(button)
     def laid_out(menu):
         rects = [menu["rect"]] + [i["rect"] for i in menu["items"]]
         ok = menu["open"] and all(isinstance(v, int) for r in rects for v in r)
         return menu if ok and menu["rect"][2] > 0 else None
-    menu = gnome.until("the item's menu", lambda: laid_out(gnome.shell.indicator_menu(key)), 5)
+    menu = gnome.until("the item's menu", lambda: laid_out(gnome.shell.indicator_menu(key)), 10)
     labels = [i["label"] for i in menu["items"] if i["label"]]
     wanted = ["Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell"]
     if labels != wanted:
@@ -237,7 +237,7 @@ def choose(gnome, key, button, label, title):
     gnome.shell.click_centre(entry["rect"])
     gnome.event(rf"window shown {title}", 10)
     window = gnome.until(f"the {title} window on screen",
-                         lambda: app_windows(gnome, title), 5)[0]
+                         lambda: app_windows(gnome, title), 10)[0]
     gnome.rest_pointer(window["rect"])
     gnome.shot(title.split()[-1].lower())
     return f"{title} at {fmt_rect(window['rect'])}"
@@ -249,10 +249,10 @@ def open_from_menu(gnome, key, button, bar_height):
     entry = [i for i in menu["items"] if i["label"] == "Open Bonkwell"][0]
     gnome.shell.click_centre(entry["rect"])
     panel_report(gnome.app)
-    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 5)
+    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
     where = panel_at_icon(window, button, bar_height)
     gnome.shell.key("Escape")
-    gnome.event(r"panel hidden", 5)
+    gnome.event(r"panel hidden", 10)
     return where
 
 
@@ -263,7 +263,7 @@ def quit_from_menu(gnome, key, button):
     code = gnome.app.wait_exit(15)
     if code != 0:
         raise Failure(f"the app exited with status {code}")
-    gnome.until("the item leaving the top bar", lambda: key not in gnome.shell.indicators(), 5)
+    gnome.until("the item leaving the top bar", lambda: key not in gnome.shell.indicators(), 10)
     return "exit status 0; the item left the top bar"
 
 
