@@ -183,6 +183,11 @@ def panel_at_icon(window, button, bar_height):
     why = opens_at(rect, button)
     if why:
         raise Failure(f"the panel opens away from the icon: {why}")
+    # Right under the bar, and across the icon's middle column (the screen's edge may push it
+    # sideways, never off the icon).
+    middle = button[0] + button[2] // 2
+    if not rect[0] <= middle < rect[0] + rect[2]:
+        raise Failure(f"the panel at {fmt_rect(rect)} is not under the icon's middle (x {middle})")
     return f"panel at {fmt_rect(rect)}, icon at {fmt_rect(button)}"
 
 
