@@ -19,13 +19,14 @@ Prints one line per check and a table at the end; fails if any check failed.
 """
 import argparse
 import os
+import re
 import sys
 import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from checks import (Checks, Image, ShellLogs, fmt_rect, icon_contrast, opens_at,  # noqa: E402
-                    text_contrast, wait_event, wait_for)
+                    text_contrast, wait_for)
 from desktop_driver import App, Failure, geometry  # noqa: E402
 from gnome_shell import GnomeShell, ShellError  # noqa: E402
 
@@ -75,8 +76,31 @@ class Gnome:
         except ShellError as error:
             raise self.logs.failure(str(error))
 
-    def event(self, pattern, timeout=10):
-        return wait_event(self.app, pattern, timeout, self.logs)
+    def mark(self):
+        """A place in the app's log: `event` finds what came after it."""
+        return len(self.app.log)
+
+    def event(self, pattern, timeout=10, since=0):
+        """The first of the app's test events after `since` (a `mark`) matching `pattern`:
+        (match, its place in the log). The log is kept whole, so an event that came while the
+        test looked elsewhere still counts."""
+        prefix = "bonkwell-event: "
+
+        def find():
+            log = self.app.log
+            for i in range(since, len(log)):
+                if log[i].startswith(prefix):
+                    m = re.fullmatch(pattern, log[i][len(prefix):])
+                    if m:
+                        return m, i
+            if self.app.proc.poll() is not None:
+                raise Failure(f"the app ended with status {self.app.proc.returncode} before "
+                              f"{pattern!r}")
+            return None
+        try:
+            return wait_for(find, timeout, f"the app's event {pattern!r}", self.logs)
+        except Failure as failure:
+            raise Failure(f"{failure}\napp log:\n" + "\n".join(self.app.log[-40:]))
 
     def until(self, what, probe, timeout=10):
         return wait_for(probe, timeout, what, self.logs)
@@ -93,17 +117,20 @@ class Gnome:
 
 # --- the panel ---------------------------------------------------------------------------------
 
-def panel_report(app, timeout=10):
-    """Waits for the panel; returns (where the app put it, {name: (x, y, w, h)} of its named
-    controls, in the app's own coordinates)."""
-    where = geometry(app.wait_event(r"panel shown at (.*)", timeout).group(1))
+def panel_report(gnome, since, timeout=10):
+    """Waits for the panel after `since`; returns (where the app put it, {name: (x, y, w, h)}
+    of its named controls, in the app's own coordinates)."""
+    m, at = gnome.event(r"panel shown at (.*)", timeout, since)
+    where = geometry(m.group(1))
+    # The controls follow at once, the Quit button last.
+    gnome.event(r"panel widget quitButton at .*", 3, at)
     widgets = {}
-    while True:
-        try:
-            m = app.wait_event(r"panel widget (\S+) at (.*)", 0.5)
-        except Failure:
-            break
-        widgets[m.group(1)] = geometry(m.group(2))
+    for line in gnome.app.log[at + 1:]:
+        found = re.fullmatch(r"bonkwell-event: panel widget (\S+) at (.*)", line)
+        if found:
+            widgets[found.group(1)] = geometry(found.group(2))
+            if found.group(1) == "quitButton":
+                break
     return where, widgets
 
 
@@ -170,10 +197,12 @@ def icon_reads(gnome, icon, style):
 def open_panel(gnome, button):
     """Activates the item as a person does with this extension (a double click); returns
     (the app's panel report, the panel's window)."""
+    since = gnome.mark()
     gnome.shell.click_centre(button, count=2)
-    where, widgets = panel_report(gnome.app)
+    where, widgets = panel_report(gnome, since)
     window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
-    return Found((where, widgets, window), f"panel shown, on screen at {fmt_rect(window['rect'])}")
+    return Found((where, widgets, window, since),
+                 f"panel shown, on screen at {fmt_rect(window['rect'])}")
 
 
 def panel_at_icon(window, button, bar_height):
@@ -191,8 +220,8 @@ def panel_at_icon(window, button, bar_height):
     return f"panel at {fmt_rect(rect)}, icon at {fmt_rect(button)}"
 
 
-def panel_focused(gnome):
-    gnome.event(r"panel active", 10)
+def panel_focused(gnome, since):
+    gnome.event(r"panel active", 10, since)
     def focused():
         window = panel_window(gnome)
         return window if window and window["focus"] else None
@@ -202,8 +231,13 @@ def panel_focused(gnome):
 
 def panel_closes(gnome, how, reason):
     """`how()` closes the panel: the app says why, and the compositor no longer shows it."""
+    since = gnome.mark()
     how()
-    m = gnome.event(r"panel hidden by (\S+)", 10)
+    try:
+        m, _ = gnome.event(r"panel hidden by (\S+)", 10, since)
+    except Failure as failure:
+        raise Failure(f"{failure}\nthe shell's focus window: {gnome.shell.focus_title()!r}; "
+                      f"the panel on screen: {panel_window(gnome)}")
     if m.group(1) != reason:
         raise Failure(f"the panel closed ({m.group(1)}), expected {reason}")
     gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 10)
@@ -239,8 +273,9 @@ def choose(gnome, key, button, label, title):
     """Opens the item's menu, clicks `label`, and waits for the window `title`."""
     menu = open_menu(gnome, key, button)
     entry = [i for i in menu["items"] if i["label"] == label][0]
+    since = gnome.mark()
     gnome.shell.click_centre(entry["rect"])
-    gnome.event(rf"window shown {title}", 10)
+    gnome.event(rf"window shown {title}", 10, since)
     window = gnome.until(f"the {title} window on screen",
                          lambda: app_windows(gnome, title), 10)[0]
     gnome.rest_pointer(window["rect"])
@@ -252,12 +287,14 @@ def open_from_menu(gnome, key, button, bar_height):
     """"Open Bonkwell" in the menu opens the panel at the icon too; Escape closes it."""
     menu = open_menu(gnome, key, button)
     entry = [i for i in menu["items"] if i["label"] == "Open Bonkwell"][0]
+    since = gnome.mark()
     gnome.shell.click_centre(entry["rect"])
-    panel_report(gnome.app)
+    panel_report(gnome, since)
     window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
     where = panel_at_icon(window, button, bar_height)
+    since = gnome.mark()
     gnome.shell.key("Escape")
-    gnome.event(r"panel hidden", 10)
+    gnome.event(r"panel hidden", 10, since)
     return where
 
 
@@ -287,10 +324,10 @@ def run_tray(gnome):
         opened = checks.run(f"panel opens on activation ({style})", open_panel, gnome, button)
         if not opened:
             return
-        where, widgets, window = opened.value
+        where, widgets, window, since = opened.value
         if style == "light":
             checks.run("panel under the top bar at the icon", panel_at_icon, window, button, bar)
-            checks.run("panel has keyboard focus", panel_focused, gnome)
+            checks.run("panel has keyboard focus", panel_focused, gnome, since)
         gnome.rest_pointer(window["rect"])
         shot = gnome.shot(f"{style}-panel")
         checks.run(f"secondary texts read ({style})", measure_texts, gnome, widgets, where,
