@@ -8,11 +8,12 @@
 appindicator (the AppIndicator extension, the app as a Wayland client or through XWayland):
 the icon shows in the top bar and reads against it (3:1); a double click on it (the
 extension's activation) opens the panel under the top bar at the icon, with the keyboard;
-a click elsewhere and Escape close it; a single click opens the menu at the icon, whose
-entries open Settings and Calibration, and "Quit Bonkwell" ends the app with status 0; the
-panel's secondary texts read (4.5:1) in the light and the dark style.
-none (stock GNOME, no tray): the Bonkwell window shows within 3 s of start, its secondary
-texts read, and its Quit button ends the app with status 0.
+a click elsewhere, Escape and activating the icon again close it; a single click opens the
+menu at the icon, whose entries open Settings, Calibration and the panel (at the icon), and
+"Quit Bonkwell" ends the app with status 0 and takes the item off the bar; the panel's
+secondary texts read (4.5:1) in the light and the dark style.
+none (stock GNOME, no tray): the Bonkwell window shows within 3 s of start, and closing it
+ends the app with status 0.
 
 Pointer and keys go through the shell's own virtual devices; places come from the shell.
 Prints one line per check and a table at the end; fails if any check failed.
@@ -340,6 +341,9 @@ def run_tray(gnome):
             if checks.run("panel opens again", open_panel, gnome, button):
                 checks.run("panel closes on Escape", panel_closes, gnome,
                            lambda: shell.key("Escape"), "escape")
+            if checks.run("panel opens a third time", open_panel, gnome, button):
+                checks.run("panel closes on activating the icon again", panel_closes, gnome,
+                           lambda: shell.click_centre(button, count=2), "icon-click")
             menu = checks.run("menu opens at the icon", lambda: menu_at_icon(
                 open_menu(gnome, key, button), button))
             if menu:
