@@ -26,6 +26,9 @@
 namespace bonkwell {
 namespace {
 
+// How long the desktop has to bring a window forward before the log says it did not.
+constexpr int kActivationCheckMs = 1000;
+
 // Closing the fallback window ends the app.
 class FallbackWindow final : public QWidget {
   protected:
@@ -139,8 +142,8 @@ void MenuBarController::start(int trayTimeoutMs) {
 }
 
 void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
-    trayIcon_ = std::make_unique<QSystemTrayIcon>();
-    updateTrayIcon();
+    shownVariant_ = iconVariant();
+    trayIcon_ = std::make_unique<QSystemTrayIcon>(trayicon::makeIcon(*shownVariant_));
     trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
     // The same menu for every host: hosts that draw the menu themselves export this one.
     trayIcon_->setContextMenu(&menu_);
@@ -148,6 +151,7 @@ void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
             [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
     trayIcon_->show();
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
+    testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
 
 void MenuBarController::showFallbackWindow() {
@@ -236,16 +240,34 @@ void MenuBarController::openPanel() {
     }
 }
 
-void MenuBarController::showPanel() {
+void MenuBarController::showPanel(const QString& activationToken) {
+    if (!activationToken.isEmpty()) {
+        // Handed to the compositor when the window asks to be activated (Wayland).
+        qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
+    }
     if (fallbackWindow_ != nullptr) {
         bringToFront(fallbackWindow_);
-        return;
-    }
-    if (panelHost_->isShown()) {
+    } else if (panelHost_->isShown()) {
         bringToFront(panelHost_->window());
-        return;
+    } else {
+        openPanel();  // an explicit request, not the click that just closed the panel
     }
-    openPanel();  // an explicit request, not the click that just closed the panel
+    // Not for the helper or anything else this process starts later.
+    qunsetenv("XDG_ACTIVATION_TOKEN");
+
+    QPointer<QWidget> shown = fallbackWindow_ != nullptr ? fallbackWindow_.data() : panel();
+    const bool hadToken = !activationToken.isEmpty();
+    QTimer::singleShot(kActivationCheckMs, this, [shown, hadToken] {
+        if (shown == nullptr || !shown->isVisible() || shown->isActiveWindow() ||
+            QApplication::activePopupWidget() == shown) {
+            return;
+        }
+        logLine(QStringLiteral("Bonkwell: the desktop did not bring the Bonkwell window forward "
+                               "for this start (%1)")
+                    .arg(hadToken ? QStringLiteral("it did not honour the launcher's activation "
+                                                   "token")
+                                  : QStringLiteral("the launcher passed no activation token")));
+    });
 }
 
 void MenuBarController::setActivationPoint(const QPoint& point) {

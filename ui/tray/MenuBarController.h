@@ -43,8 +43,10 @@ class MenuBarController : public QObject {
     // Left click and "Open Bonkwell": shows the panel, or closes it when it is open.
     void togglePopover();
     // Shows the panel (or the fallback window) and brings it to the front; never closes it.
-    // What a second start of the app asks of the running one.
-    void showPanel();
+    // What a second start of the app asks of the running one, with the activation token its
+    // launcher gave it (Wayland compositors raise a window only with one). Says in the log
+    // when the desktop did not bring the panel forward.
+    void showPanel(const QString& activationToken = {});
     void openSettings();
     void openCalibration();
     void quit();
