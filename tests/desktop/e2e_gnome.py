@@ -242,6 +242,7 @@ def panel_closes(gnome, how, reason):
     if m.group(1) != reason:
         raise Failure(f"the panel closed ({m.group(1)}), expected {reason}")
     gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 10)
+    return f"hidden by {reason}; gone from the screen"
 
 
 def open_menu(gnome, key, button):
