@@ -325,7 +325,8 @@ class Checks:
 
     def run(self, name, step, *args):
         """Runs `step(*args)`; a Failure marks the check failed. Returns the step's value, or
-        None when it failed. A step may return a `Measure`, a list of them, or a text."""
+        None when it failed. A step may return a `Measure`, a list of them, a text, a rectangle
+        or something with a describe() method, which the table's line shows."""
         try:
             value = step(*args)
         except Failure as failure:
@@ -335,8 +336,12 @@ class Checks:
             self.record(name, value.ok, str(value))
         elif isinstance(value, list) and value and all(isinstance(v, Measure) for v in value):
             self.record(name, all(v.ok for v in value), "; ".join(str(v) for v in value))
+        elif isinstance(value, str) or hasattr(value, "describe"):
+            self.record(name, True, value if isinstance(value, str) else value.describe())
+        elif isinstance(value, tuple) and len(value) == 4 and all(isinstance(v, int) for v in value):
+            self.record(name, True, fmt_rect(value))
         else:
-            self.record(name, True, "" if value is None or value is True else str(value))
+            self.record(name, True)
         return value
 
     def skip(self, name, because):
