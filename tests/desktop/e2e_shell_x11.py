@@ -18,7 +18,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from checks import (Checks, Image, ShellLogs, changed_columns, dominant_colour, fmt_rect,  # noqa: E402
+from checks import (Checks, Image, ShellLogs, changed_columns, pad, dominant_colour, fmt_rect,  # noqa: E402
                     icon_contrast, opens_at, text_contrast, wait_event, wait_for)
 from desktop_driver import (App, Failure, click, click_centre, find_windows, geometry,  # noqa: E402
                             keys, run, screenshot)
@@ -113,7 +113,7 @@ def find_sni_icon(session, strip, before):
     os.remove(os.path.join(session.shots, f"{session.desktop}-icon-probe.png"))
     if len(runs) > 1:
         raise Failure("more than one new item in the panel: " + ", ".join(fmt_rect(r) for r in runs))
-    return runs[0], after
+    return pad(runs[0], 2, strip), after
 
 
 def run_checks(session, app, host, before, strip):
