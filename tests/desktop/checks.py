@@ -147,11 +147,23 @@ class Measure:
                 f"{self.ratio:.2f}:1 (needs {self.minimum}:1)")
 
 
-def icon_contrast(image, rect, minimum=3.0, ring=3, min_pixels=12):
-    """The tray icon at `rect` against the panel right around it: the panel's colour is the
-    most common one in a band `ring` pixels wide around the icon; the icon's is the colour that
-    at least `min_pixels` of its pixels reach."""
-    back = dominant_colour(image.ring(rect, ring))
+def pad(rect, by, within):
+    """`rect` grown by `by` pixels on each side, kept inside `within`."""
+    x, y, w, h = rect
+    ax, ay, aw, ah = within
+    x0, y0 = max(ax, x - by), max(ay, y - by)
+    x1, y1 = min(ax + aw, x + w + by), min(ay + ah, y + h + by)
+    return (x0, y0, x1 - x0, y1 - y0)
+
+
+def icon_contrast(image, rect, minimum=3.0, min_pixels=12):
+    """The tray icon in `rect` (with a little of what surrounds it) against what is right behind it: the most common colour along
+    the rectangle's edge (the panel, or the tray's own box when the host draws one around its
+    items); the icon's is the colour that at least `min_pixels` of its pixels reach."""
+    x, y, w, h = rect
+    edge = (image.pixels((x, y, w, 1)) + image.pixels((x, y + h - 1, w, 1)) +
+            image.pixels((x, y + 1, 1, h - 2)) + image.pixels((x + w - 1, y + 1, 1, h - 2)))
+    back = dominant_colour(edge)
     fore, ratio = ink(image.pixels(rect), back, min_pixels)
     return Measure(f"icon at {fmt_rect(rect)}", fore, back, ratio, minimum)
 
@@ -220,6 +232,30 @@ def changed_columns(before, after, area, tolerance=24, gap=6):
 def fmt_rect(rect):
     x, y, w, h = rect
     return f"{x},{y} {w}x{h}"
+
+
+def text_rows(image, rect, min_height=5):
+    """The lines of text in `rect` (a menu, say), top to bottom, as (top, bottom) rows: runs of
+    rows where some but not most pixels stand out from the most common colour (rules, borders
+    and whatever lies outside a menu are all one colour across)."""
+    r = image.clip(rect)
+    if r is None:
+        return []
+    x, y, w, h = r
+    back = dominant_colour(image.pixels(r))
+    bands, start = [], None
+    for row in range(y, y + h + 1):
+        inked = 0
+        if row < y + h:
+            inked = sum(1 for p in image.pixels((x, row, w, 1)) if contrast_ratio(p, back) >= 1.5)
+        is_text = 2 <= inked <= 0.6 * w
+        if is_text and start is None:
+            start = row
+        elif not is_text and start is not None:
+            if row - start >= min_height:
+                bands.append((start, row - 1))
+            start = None
+    return bands
 
 
 # --- places ----------------------------------------------------------------------------------
@@ -325,7 +361,8 @@ class Checks:
 
     def run(self, name, step, *args):
         """Runs `step(*args)`; a Failure marks the check failed. Returns the step's value, or
-        None when it failed. A step may return a `Measure`, a list of them, or a text."""
+        None when it failed. A step may return a `Measure`, a list of them, a text, a rectangle
+        or something with a describe() method, which the table's line shows."""
         try:
             value = step(*args)
         except Failure as failure:
@@ -335,8 +372,12 @@ class Checks:
             self.record(name, value.ok, str(value))
         elif isinstance(value, list) and value and all(isinstance(v, Measure) for v in value):
             self.record(name, all(v.ok for v in value), "; ".join(str(v) for v in value))
+        elif isinstance(value, str) or hasattr(value, "describe"):
+            self.record(name, True, value if isinstance(value, str) else value.describe())
+        elif isinstance(value, tuple) and len(value) == 4 and all(isinstance(v, int) for v in value):
+            self.record(name, True, fmt_rect(value))
         else:
-            self.record(name, True, "" if value is None or value is True else str(value))
+            self.record(name, True)
         return value
 
     def skip(self, name, because):

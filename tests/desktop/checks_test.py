@@ -8,7 +8,7 @@ import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from checks import (Checks, Image, changed_columns, changed_rect, contrast_ratio,  # noqa: E402
-                    icon_contrast, opens_at, text_contrast)
+                    icon_contrast, opens_at, text_contrast, text_rows)
 from desktop_driver import Failure  # noqa: E402
 
 
@@ -34,8 +34,9 @@ class ContrastTest(unittest.TestCase):
         panel = (0x20, 0x20, 0x20)
         dark = image(40, 30, panel, [((10, 5, 16, 16), (0, 0, 0))])
         light = image(40, 30, panel, [((10, 5, 16, 16), (0xee, 0xee, 0xee))])
-        self.assertFalse(icon_contrast(dark, (10, 5, 16, 16)).ok)
-        self.assertTrue(icon_contrast(light, (10, 5, 16, 16)).ok)
+        # Measured with a margin of bare panel around the icon, as the tests find it.
+        self.assertFalse(icon_contrast(dark, (8, 3, 20, 20)).ok)
+        self.assertTrue(icon_contrast(light, (8, 3, 20, 20)).ok)
 
     def test_a_few_stray_pixels_do_not_make_an_icon_visible(self):
         panel = (0x20, 0x20, 0x20)
@@ -52,6 +53,25 @@ class ContrastTest(unittest.TestCase):
         self.assertFalse(measure.ok)
         with self.assertRaises(Failure):
             text_contrast(image(60, 16, back), (0, 0, 60, 16), "empty")
+
+
+class IconBoxTest(unittest.TestCase):
+    def test_an_icon_in_a_box_of_its_own_is_measured_against_the_box(self):
+        # A dark bar; the tray draws a blue box holding a black icon.
+        shot = image(60, 30, (0x2b, 0x30, 0x3b), [((20, 0, 40, 30), (0x29, 0x80, 0xb9)),
+                                                  ((30, 7, 16, 16), (0, 0, 0))])
+        measure = icon_contrast(shot, (20, 0, 40, 30))
+        self.assertEqual(measure.back, (0x29, 0x80, 0xb9))
+        self.assertEqual(measure.fore, (0, 0, 0))
+
+
+class MenuRowsTest(unittest.TestCase):
+    def test_text_lines_are_found_and_rules_and_borders_are_not(self):
+        menu = image(100, 60, (250, 250, 250), [((0, 0, 100, 1), (120, 120, 120)),
+                                                ((10, 5, 30, 8), (30, 30, 30)),
+                                                ((0, 20, 100, 1), (200, 200, 200)),
+                                                ((10, 30, 40, 9), (30, 30, 30))])
+        self.assertEqual(text_rows(menu, (0, 0, 100, 60)), [(5, 12), (30, 38)])
 
 
 class ChangeTest(unittest.TestCase):
