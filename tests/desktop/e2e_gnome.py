@@ -45,7 +45,7 @@ class Found:
     def __init__(self, value, text):
         self.value, self.text = value, text
 
-    def __str__(self):
+    def describe(self):
         return self.text
 
 
@@ -221,6 +221,14 @@ def panel_at_icon(window, button, bar_height):
     return f"panel at {fmt_rect(rect)}, icon at {fmt_rect(button)}"
 
 
+def panel_keeps_size(where, window):
+    """The compositor shows the panel at the size the app laid it out: not stretched, not cut."""
+    if tuple(window["rect"][2:]) != tuple(where[2:]):
+        raise Failure(f"the app laid the panel out {where[2]}x{where[3]}, the screen shows "
+                      f"{window['rect'][2]}x{window['rect'][3]}")
+    return f"{where[2]}x{where[3]}"
+
+
 def panel_focused(gnome, since):
     gnome.event(r"panel active", 10, since)
     def focused():
@@ -329,6 +337,7 @@ def run_tray(gnome):
         where, widgets, window, since = opened.value
         if style == "light":
             checks.run("panel under the top bar at the icon", panel_at_icon, window, button, bar)
+            checks.run("panel keeps its size", panel_keeps_size, where, window)
             checks.run("panel has keyboard focus", panel_focused, gnome, since)
         gnome.rest_pointer(window["rect"])
         shot = gnome.shot(f"{style}-panel")
