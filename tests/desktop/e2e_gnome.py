@@ -12,8 +12,8 @@ a click elsewhere, Escape and activating the icon again close it; a single click
 menu at the icon, whose entries open Settings, Calibration and the panel (at the icon), and
 "Quit Bonkwell" ends the app with status 0 and takes the item off the bar; the panel's
 secondary texts read (4.5:1) in the light and the dark style.
-none (stock GNOME, no tray): the Bonkwell window shows within 3 s of start, and closing it
-ends the app with status 0.
+none (stock GNOME, no tray): as a Wayland and as an X11 client, the Bonkwell window shows
+within 3 s of start; closing it, or its Quit button, ends the app with status 0.
 
 Pointer and keys go through the shell's own virtual devices; places come from the shell.
 Prints one line per check and a table at the end; fails if any check failed.
@@ -37,6 +37,7 @@ SECONDARY_TEXTS = ("engineStatusLabel", "sensitivityValue", "sensitivityHint", "
 CAPTIONS = {"todayCount": "Today", "totalCount": "Total"}
 CAPTION_HEIGHT = 15
 MAX_FALLBACK_S = 3.0
+INDICATOR_EXTENSION = "ubuntu-appindicators@ubuntu.com"
 
 
 class Found:
@@ -65,8 +66,9 @@ class Gnome:
                                      dir=os.environ.get("BONKWELL_SESSION_DIR"))
         self.app = None
 
-    def start_app(self):
-        platform = "wayland" if self.args.client == "wayland" else "xcb"
+    def start_app(self, client=None):
+        client = client or self.args.client
+        platform = "wayland" if client == "wayland" else "xcb"
         self.app = App(self.args.app, self.home, {"QT_QPA_PLATFORM": platform})
         return self.app
 
@@ -407,30 +409,60 @@ def window_buttons(app):
 
 
 def run_stock(gnome):
+    """As a Wayland client, then as an X11 client: the window within 3 s; the Wayland one is
+    closed from its title bar, the X11 one with its Quit button (an X11 client reports where
+    its controls are on screen; a Wayland client only knows its own surface)."""
     checks = gnome.checks
-    gnome.start_app()
-    shown = checks.run(f"window within {MAX_FALLBACK_S:.0f} s (no tray)", fallback_window, gnome)
-    if not shown:
-        return
-    window = shown.value
-    gnome.rest_pointer(window["rect"])
-    gnome.shot("window")
+    for client in ("wayland", "x11"):
+        gnome.start_app(client)
+        shown = checks.run(f"window within {MAX_FALLBACK_S:.0f} s, no tray ({client})",
+                           fallback_window, gnome)
+        if not shown:
+            return
+        window = shown.value
+        gnome.rest_pointer(window["rect"])
+        gnome.shot(f"{client}-window")
 
-    def quit_button():
-        """The window's Quit button where the app reports its place (an X11 client, or a
-        window the app names); else the window's close, as its title bar's button does."""
-        buttons = window_buttons(gnome.app)
-        if "quitButton" in buttons and gnome.args.client == "x11":
-            gnome.shell.click_centre(buttons["quitButton"])
-            how = f"clicked Quit at {fmt_rect(buttons['quitButton'])}"
-        else:
+        def close_window():
             gnome.shell.close_window(gnome.app.pid, "Bonkwell")
-            how = "closed the window"
-        code = gnome.app.wait_exit(15)
-        if code != 0:
-            raise Failure(f"the app exited with status {code}")
-        return f"{how}; exit status 0"
-    checks.run("Quit ends the app with status 0", quit_button)
+            return "closed from the title bar; " + exited_0(gnome)
+
+        def quit_button():
+            buttons = gnome.until("the window's Quit button",
+                                  lambda: window_buttons(gnome.app).get("quitButton"), 5)
+            gnome.shell.click_centre(buttons)
+            return f"clicked Quit at {fmt_rect(buttons)}; " + exited_0(gnome)
+        if client == "wayland":
+            checks.run("closing the window ends the app with status 0 (wayland)", close_window)
+        else:
+            checks.run("Quit ends the app with status 0 (x11)", quit_button)
+
+    # The user turns the AppIndicator extension on while the app runs: the icon comes, the
+    # window goes, without a restart.
+    gnome.start_app("wayland")
+    if checks.run("window within 3 s, before a tray comes", fallback_window, gnome):
+        checks.run("a tray turned on later takes the icon, the window goes", tray_comes_later,
+                   gnome)
+
+
+def tray_comes_later(gnome):
+    since = gnome.mark()
+    gnome.shell.enable_extension(INDICATOR_EXTENSION)
+    gnome.event(r"tray icon shown \(StatusNotifierItem\)", 20, since)
+    gnome.event(r"window hidden Bonkwell", 10, since)
+    key, item = gnome.until("the app's item in the top bar",
+                            lambda: gnome.shell.indicator_of(gnome.app.pid), 10)
+    gnome.until("the Bonkwell window going", lambda: not app_windows(gnome, "Bonkwell"), 10)
+    gnome.rest_pointer()
+    gnome.shot("tray-later")
+    return f"item at {fmt_rect(item['rect'])}; the window is gone"
+
+
+def exited_0(gnome):
+    code = gnome.app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with status {code}")
+    return "exit status 0"
 
 
 def main():
@@ -441,7 +473,7 @@ def main():
     parser.add_argument("--shots", required=True)
     args = parser.parse_args()
     desktop = (f"gnome-appindicator-{args.client}" if args.tray == "appindicator"
-               else f"gnome-stock-{args.client}")
+               else "gnome-stock")
     gnome = None
     try:
         gnome = Gnome(args, desktop)

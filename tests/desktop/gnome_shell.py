@@ -226,6 +226,14 @@ class GnomeShell:
                                  self.log_tail())
             time.sleep(0.1)
 
+    def enable_extension(self, uuid):
+        """Turns an installed extension on, as the Extensions app does."""
+        enabled = self.eval("global.settings.get_strv('enabled-extensions')")
+        if uuid not in enabled:
+            subprocess.run(["gsettings", "set", "org.gnome.shell", "enabled-extensions",
+                            json.dumps(enabled + [uuid]).replace('"', "'")],
+                           check=True, timeout=20)
+
     # Styles.
 
     def set_style(self, style):
