@@ -15,6 +15,7 @@ Every window carries the app's icon (_NET_WM_ICON).
 """
 import argparse
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -28,9 +29,10 @@ from desktop_driver import (App, Failure, StatusNotifierItem, click, click_centr
 
 def panel_widgets(app, pattern_timeout=10):
     """Waits for the panel and returns {name: (x, y, w, h)} of its named controls; fails
-    unless the panel also said it has the keyboard ("panel active")."""
-    app.wait_event(r"panel shown at .*", pattern_timeout)
-    widgets = {}
+    unless the panel also said it has the keyboard ("panel active"). The panel's own
+    rectangle is under the name "panel"."""
+    shown = app.wait_event(r"panel shown at (.*)", pattern_timeout)
+    widgets = {"panel": geometry(shown.group(1))}
     active = False
     deadline = time.monotonic() + 3
     while time.monotonic() < deadline:
@@ -88,6 +90,14 @@ def check_icon_variant(app, item):
         if "com.bonkwell.Bonkwell-symbolic" not in out:
             raise Failure(f"the tray item names no symbolic icon: {out.strip()}")
         print("the D-Bus tray item names com.bonkwell.Bonkwell-symbolic")
+        # Run from the build tree, the item tells the host where that icon is.
+        out = run("gdbus", "call", "--session", "--dest", item.service, "--object-path",
+                  item.path, "--method", "org.freedesktop.DBus.Properties.Get",
+                  "org.kde.StatusNotifierItem", "IconThemePath")
+        m = re.search(r"'([^']+)'", out)
+        svg = "hicolor/symbolic/apps/com.bonkwell.Bonkwell-symbolic.svg"
+        if not m or not os.path.exists(os.path.join(m.group(1), svg)):
+            raise Failure(f"the tray item's icon theme path has no {svg}: {out.strip()}")
 
 
 def run_tray(args, app):
@@ -101,7 +111,12 @@ def run_tray(args, app):
 def drive_tray(args, app):
 
     if args.tray == "xembed":
-        icon = icon_rect(app)
+        # The tray lays its icons out after embedding them: wait until ours stays put.
+        icon, previous = icon_rect(app), None
+        deadline = time.monotonic() + 5
+        while icon != previous and time.monotonic() < deadline:
+            time.sleep(0.3)
+            previous, icon = icon, icon_rect(app)
         left_click = lambda: click_centre(icon, 1)  # noqa: E731
         item = None
     else:
@@ -112,6 +127,12 @@ def drive_tray(args, app):
     # The panel opens on a left click and takes the keyboard.
     left_click()
     widgets = panel_widgets(app)
+    if item is not None:
+        # Opened where the host said the click was (640, 12): centred below that point.
+        x, y, w, _ = widgets["panel"]
+        if abs(x + w // 2 - 640) > 2 or y != 12:
+            raise Failure(f"the panel opened at {widgets['panel']}, not at the click (640, 12)")
+        print("the panel opened at the position the tray host passed with Activate")
     time.sleep(0.3)
     screenshot(os.path.join(args.shots, f"tray-{args.tray}-panel.png"))
     if find_windows("Bonkwell Settings"):

@@ -143,13 +143,19 @@ void MenuBarController::start(int trayTimeoutMs) {
 
 void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
     shownVariant_ = iconVariant();
-    trayIcon_ = std::make_unique<QSystemTrayIcon>(trayicon::makeIcon(*shownVariant_));
+    trayIcon_ = host == TrayWaiter::Host::statusNotifier ? makeStatusNotifierTrayIcon()
+                                                         : makeXEmbedTrayIcon();
+    trayIcon_->setIcon(trayicon::makeIcon(*shownVariant_));
     trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
-    // The same menu for every host: hosts that draw the menu themselves export this one.
+    // The same menu for every host: hosts that draw the menu themselves get it exported.
     trayIcon_->setContextMenu(&menu_);
-    connect(trayIcon_.get(), &QSystemTrayIcon::activated, this,
-            [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
-    trayIcon_->show();
+    trayIcon_->setActivationHandler(
+        [this](QSystemTrayIcon::ActivationReason reason, std::optional<QPoint> at) {
+            handleActivation(reason, at);
+        });
+    if (!trayIcon_->show()) {
+        logLine(QStringLiteral("Bonkwell: the tray icon could not be shown"));
+    }
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
     testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
@@ -175,7 +181,11 @@ void MenuBarController::showFallbackWindow() {
     testEvent(QStringLiteral("window shown Bonkwell"));
 }
 
-void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason) {
+void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason,
+                                         std::optional<QPoint> at) {
+    if (at) {
+        activationPoint_ = at;
+    }
     switch (reason) {
         case QSystemTrayIcon::Trigger:
         case QSystemTrayIcon::DoubleClick:
