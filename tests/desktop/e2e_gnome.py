@@ -191,6 +191,20 @@ def find_icon(gnome):
                  f"item {key} at {fmt_rect(item['rect'])}, its image at {fmt_rect(item['icon'])}")
 
 
+def icon_image(gnome, style):
+    """The extension shows a placeholder ("…") until it has loaded the item's own image; it
+    keeps the placeholder when it cannot (its reasons are in the shell's log)."""
+    def loaded():
+        found = gnome.shell.indicator_of(gnome.app.pid)
+        return found[1]["image"] if found and found[1]["image"] else None
+    try:
+        return "the app's image: " + gnome.until(
+            "the app's image in its item (the extension shows its placeholder)", loaded, 10)
+    except Failure:
+        gnome.shot(f"{style}-placeholder-icon")
+        raise
+
+
 def icon_reads(gnome, icon, style):
     gnome.rest_pointer()
     shot = gnome.shot(f"{style}-top-bar")
@@ -331,6 +345,7 @@ def run_tray(gnome):
         if not found:
             return
         key, button, icon = found.value
+        checks.run(f"icon shows the app's image ({style})", icon_image, gnome, style)
         checks.run(f"icon contrast ({style})", icon_reads, gnome, icon, style)
 
         opened = checks.run(f"panel opens on activation ({style})", open_panel, gnome, button)

@@ -168,8 +168,9 @@ class GnomeShell:
     # The AppIndicator extension's items in the top bar.
 
     def indicators(self):
-        """{key: {rect, icon, menu_open}} of the top bar's AppIndicator items: rect is the
-        item's button in the bar, icon the square its image is drawn in."""
+        """{key: {rect, icon, image, menu_open}} of the top bar's AppIndicator items: rect is
+        the item's button in the bar, icon the square its image is drawn in, image what the
+        extension loaded for it (None while it shows its own placeholder)."""
         return self.eval("""
             const box = a => { const [x, y] = a.get_transformed_position();
                                const [w, h] = a.get_transformed_size();
@@ -179,7 +180,10 @@ class GnomeShell:
                 if (!key.startsWith('appindicator-') || !item.visible) continue;
                 const [ix, iy, iw, ih] = item._icon ? box(item._icon) : box(item);
                 const side = Math.min(iw, ih);
+                const image = item._icon?.gicon;
                 out[key] = { rect: box(item), menu_open: !!item.menu?.isOpen,
+                             image: image ? (image.to_string() ?? image.constructor.name)
+                                          : null,
                              icon: [ix + (iw - side) / 2, iy + (ih - side) / 2, side, side]
                                  .map(Math.round) };
             }
