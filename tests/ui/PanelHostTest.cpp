@@ -148,12 +148,38 @@ class PanelPlacementTest : public PanelHostTest {
 TEST_F(PanelPlacementTest, ThePanelOpensWhereTheTrayHostSaysTheClickWas) {
     const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
     const QPoint click(area.left() + area.width() / 2, area.top() + 5);
-    menuBar.setActivationPoint(click);
-    menuBar.togglePopover();
+    menuBar.handleActivation(QSystemTrayIcon::Trigger, click);
     ASSERT_TRUE(menuBar.panelShown());
     const QRect panel = menuBar.panel()->geometry();
     EXPECT_EQ(panel.top(), click.y());
     EXPECT_NEAR(panel.center().x(), click.x(), 1);
+}
+
+TEST_F(PanelPlacementTest, AClickAtTheBottomOfTheScreenOpensThePanelAboveIt) {
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    const QPoint click(area.left() + 100, area.bottom() - 5);
+    menuBar.handleActivation(QSystemTrayIcon::Trigger, click);
+    ASSERT_TRUE(menuBar.panelShown());
+    const QRect panel = menuBar.panel()->geometry();
+    ASSERT_LT(panel.height(), area.height() - 10);  // room above the click
+    EXPECT_EQ(panel.bottom() + 1, click.y());
+    EXPECT_GE(panel.left(), area.left());
+}
+
+TEST_F(PanelPlacementTest, TheWholePanelFitsItsWindowDownToTheBottomRow) {
+    menuBar.togglePopover();
+    ASSERT_TRUE(menuBar.panelShown());
+    QWidget* window = menuBar.panel();
+    auto* quit = window->findChild<QWidget*>(QStringLiteral("quitButton"));
+    ASSERT_NE(quit, nullptr);
+    const QRect inWindow(quit->mapTo(window, QPoint(0, 0)), quit->size());
+    EXPECT_TRUE(window->rect().contains(inWindow))
+        << "quit button at " << inWindow.y() << "+" << inWindow.height() << " in a window "
+        << window->height() << " high";
+    auto* view = window->findChild<PopoverView*>();
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(view->height(), view->sizeHint().height());
+    EXPECT_EQ(view->width(), PopoverView::kWidth);
 }
 
 TEST_F(PanelPlacementTest, TheIconClickThatClosesThePanelIsToldAsSuch) {

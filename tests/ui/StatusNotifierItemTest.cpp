@@ -107,6 +107,20 @@ TEST_F(StatusNotifierItemTest, ActivateCarriesWhereTheClickWas) {
     EXPECT_FALSE(points[1].has_value());
 }
 
+TEST_F(StatusNotifierItemTest, AHostsActivationTokenIsThereWhileThePanelOpensAndOnlyThen) {
+    QStringList seen;
+    item.setActivationHandler([&](QSystemTrayIcon::ActivationReason, std::optional<QPoint>) {
+        seen.append(qEnvironmentVariable("XDG_ACTIVATION_TOKEN"));
+    });
+    itemAdaptor->ProvideXdgActivationToken(QStringLiteral("plasma-token-7"));
+    itemAdaptor->Activate(10, 10);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return seen.size() == 1; }, 2000));
+    itemAdaptor->Activate(10, 10);  // a token serves once
+    ASSERT_TRUE(QTest::qWaitFor([&] { return seen.size() == 2; }, 2000));
+    EXPECT_EQ(seen, QStringList({"plasma-token-7", ""}));
+    EXPECT_FALSE(qEnvironmentVariableIsSet("XDG_ACTIVATION_TOKEN"));
+}
+
 TEST_F(StatusNotifierItemTest, TheIconGoesByItsSymbolicNameWithPixelsForOtherHosts) {
     item.setIcon(trayicon::makeIcon(trayicon::Variant::dark));
     EXPECT_EQ(itemAdaptor->iconName(), "com.bonkwell.Bonkwell-symbolic");

@@ -286,23 +286,30 @@ void MenuBarController::setActivationPoint(const QPoint& point) {
 
 QPoint MenuBarController::panelPosition(const QSize& size) const {
     const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
-    // The icon's place when the tray tells it; else where the host says the click was; else
-    // the pointer.
-    QPoint anchor = QCursor::pos();
+    // The icon's place when the tray tells it; else where the host said the last click was;
+    // else the pointer, where the app knows it (plain X11: under a Wayland compositor it is
+    // only where the pointer last crossed one of our windows); else the top right corner,
+    // where trays mostly are.
+    std::optional<QPoint> anchor;
     if (icon.isValid()) {
         anchor = QPoint(icon.center().x(), icon.bottom() + 1);
     } else if (activationPoint_) {
         anchor = *activationPoint_;
+    } else if (panelHost_->style() == PanelHost::Style::popup) {
+        anchor = QCursor::pos();
     }
-    QScreen* screen = QGuiApplication::screenAt(anchor);
+    QScreen* screen = anchor ? QGuiApplication::screenAt(*anchor) : nullptr;
     if (screen == nullptr) {
         screen = QGuiApplication::primaryScreen();
     }
     const QRect area = screen != nullptr ? screen->availableGeometry() : QRect(QPoint(), size);
-    QPoint topLeft(anchor.x() - size.width() / 2, anchor.y());
-    // A tray at the bottom of the screen: open upwards, above the icon.
-    if (icon.isValid() && topLeft.y() + size.height() > area.bottom()) {
-        topLeft.setY(icon.top() - size.height());
+    if (!anchor) {
+        return QPoint(area.right() + 1 - size.width(), area.top());
+    }
+    QPoint topLeft(anchor->x() - size.width() / 2, anchor->y());
+    // A tray at the bottom of the screen: open upwards, above the icon (or the click).
+    if (topLeft.y() + size.height() > area.bottom() && anchor->y() > area.center().y()) {
+        topLeft.setY((icon.isValid() ? icon.top() : anchor->y()) - size.height());
     }
     topLeft.setX(std::clamp(topLeft.x(), area.left(),
                             std::max(area.left(), area.right() - size.width() + 1)));

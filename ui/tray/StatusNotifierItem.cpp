@@ -72,8 +72,19 @@ void StatusNotifierItemAdaptor::Activate(int x, int y) {
     // Hosts that do not know pass 0, 0.
     const std::optional<QPoint> at =
         x != 0 || y != 0 ? std::optional<QPoint>(QPoint(x, y)) : std::nullopt;
-    QTimer::singleShot(0, item_,
-                       [item = item_, at] { item->activated(QSystemTrayIcon::Trigger, at); });
+    QTimer::singleShot(0, item_, [item = item_, at] {
+        // Qt hands the token to the compositor when the panel asks to be activated.
+        const QString token = std::exchange(item->activationToken_, QString());
+        if (!token.isEmpty()) {
+            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+        }
+        item->activated(QSystemTrayIcon::Trigger, at);
+        qunsetenv("XDG_ACTIVATION_TOKEN");
+    });
+}
+
+void StatusNotifierItemAdaptor::ProvideXdgActivationToken(const QString& token) {
+    item_->activationToken_ = token;
 }
 
 void StatusNotifierItemAdaptor::SecondaryActivate(int x, int y) {

@@ -63,6 +63,9 @@ class StatusNotifierItemAdaptor : public QDBusAbstractAdaptor {
     void SecondaryActivate(int x, int y);
     void ContextMenu(int x, int y);
     void Scroll(int delta, const QString& orientation);
+    // Hosts on Wayland (Plasma) hand over an activation token before Activate, so that the
+    // panel that opens may take the keyboard.
+    void ProvideXdgActivationToken(const QString& token);
 
   signals:
     void NewTitle();
@@ -147,6 +150,7 @@ class StatusNotifierItem final : public QObject, public TrayIcon {
     DBusMenuAdaptor* menuAdaptor_ = nullptr;
     QObject menuObject_;
     QDBusServiceWatcher* watcherWatch_ = nullptr;
+    QString activationToken_;
     bool shown_ = false;
     uint revision_ = 1;
 };
