@@ -309,6 +309,23 @@ def choose(gnome, key, button, label, title):
     return f"{title} at {fmt_rect(window['rect'])}"
 
 
+def closes_on_other_window(gnome, button, title):
+    """With the panel open, a click into another window (`title`, already on screen) takes
+    the focus away: the panel closes."""
+    other = app_windows(gnome, title)
+    if not other:
+        raise Failure(f"no {title} window to click into")
+    wx, wy, ww, wh = other[0]["rect"]
+    opened = open_panel(gnome, button)
+    px, py, pw, ph = opened.value[2]["rect"]
+    spots = [(wx + ww // 2, wy + wh // 2), (wx + 20, wy + wh - 20), (wx + ww - 20, wy + wh - 20),
+             (wx + 20, wy + 40), (wx + ww - 20, wy + 40)]
+    free = [(x, y) for x, y in spots if not (px <= x < px + pw and py <= y < py + ph)]
+    if not free:
+        raise Failure(f"the panel at {fmt_rect((px, py, pw, ph))} covers the {title} window")
+    return panel_closes(gnome, lambda: gnome.shell.click(*free[0]), "focus-lost")
+
+
 def open_from_menu(gnome, key, button, bar_height):
     """"Open Bonkwell" in the menu opens the panel at the icon too; Escape closes it."""
     menu = open_menu(gnome, key, button)
@@ -380,6 +397,8 @@ def run_tray(gnome):
                        "Bonkwell Settings")
             checks.run("menu opens Calibration", choose, gnome, key, button, "Calibration\u2026",
                        "Bonkwell Calibration")
+            checks.run("panel closes on a click into another window", closes_on_other_window,
+                       gnome, button, "Bonkwell Calibration")
             checks.run("menu's Open Bonkwell opens the panel at the icon", open_from_menu, gnome,
                        key, button, bar)
         else:
