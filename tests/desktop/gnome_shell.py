@@ -48,7 +48,6 @@ def _unquote(text):
 
 class GnomeShell:
     def __init__(self):
-        self.log_path = os.environ.get("BONKWELL_SHELL_LOG", "")
         # One virtual pointer and keyboard for the whole test, kept in the shell.
         self.eval("""
             const C = imports.gi.Clutter;
@@ -60,14 +59,6 @@ class GnomeShell:
                     seat.create_virtual_device(C.InputDeviceType.KEYBOARD_DEVICE);
             }
             true""")
-
-    def log_tail(self, lines=30):
-        """The shell's own last log lines, for failure reports."""
-        try:
-            with open(self.log_path, errors="replace") as f:
-                return "".join(f.readlines()[-lines:])
-        except OSError:
-            return "(no shell log)"
 
     def eval(self, script):
         """Evaluates JavaScript in the shell; returns the value of its last expression
@@ -134,10 +125,9 @@ class GnomeShell:
     def screen_size(self):
         return tuple(self.eval("[global.screen_width, global.screen_height]"))
 
-    def windows(self, pid=None):
-        """The windows the compositor shows, of process `pid` when given: [{title, wm_class,
-        pid, x11, rect, focus, minimized, visible}]; rect is (x, y, w, h) of the window's frame
-        on screen."""
+    def windows(self):
+        """The windows the compositor shows: [{title, wm_class, pid, x11, rect, focus,
+        minimized, visible}]; rect is (x, y, w, h) of the window's frame on screen."""
         return self.eval("""
             global.get_window_actors()
                 .filter(a => a.meta_window.get_title() !== 'gnome-shell')
@@ -147,11 +137,6 @@ class GnomeShell:
                     focus: w.has_focus(), minimized: w.minimized,
                     visible: a.visible && w.showing_on_its_workspace() }; })
             """)
-
-    def window(self, title, pid=None):
-        found = [w for w in self.windows() if w["title"] == title and w["visible"] and
-                 (pid is None or w["pid"] == pid)]
-        return found[0] if found else None
 
     def close_window(self, pid, title):
         """Asks the window to close, as its title bar's close button does."""
@@ -217,18 +202,6 @@ class GnomeShell:
                items: menu._getMenuItems()
                    .filter(i => i.label && i.visible)
                    .map(i => ({{ label: i.label.text, rect: box(i) }})) }})""")
-
-    def wait(self, what, probe, timeout=10):
-        """Polls `probe()` until it returns something true; returns that."""
-        deadline = time.monotonic() + timeout
-        while True:
-            value = probe()
-            if value:
-                return value
-            if time.monotonic() > deadline:
-                raise ShellError(f"{what} did not happen within {timeout} s; the shell's log:\n" +
-                                 self.log_tail())
-            time.sleep(0.1)
 
     def enable_extension(self, uuid):
         """Turns an installed extension on, as the Extensions app does."""
