@@ -79,10 +79,24 @@ def expect_window_icon(title):
         raise Failure(f"the window {title!r} has no icon: {icon.strip()[:200]}")
 
 
-def check_icon_variant(app, item):
+def tray_lightness(icon):
+    """The lightness (0 to 1) of the tray just inside the icon's corner, on a screenshot."""
+    x, y, _, _ = icon
+    out = run("import", "-window", "root", "-crop", f"1x1+{x + 1}+{y + 1}", "-format",
+              "%[fx:lightness]", "info:", timeout=30)
+    return float(out.strip())
+
+
+def check_icon_variant(app, item, icon=None):
     """The icon says which variant it shows; a D-Bus host also gets the symbolic icon's name."""
     m = app.wait_event(r"tray icon theme (light|dark)", 5)
     print(f"tray icon variant: {m.group(1)}")
+    if icon is not None:
+        # XEmbed: once placed, the icon takes the variant for the tray behind it.
+        expected = "dark" if tray_lightness(icon) < 0.5 else "light"
+        if m.group(1) != expected:
+            app.wait_event(rf"tray icon theme {expected}", 5)
+        print(f"the XEmbed icon shows the variant for the {expected} tray behind it")
     if item is not None:
         out = run("gdbus", "call", "--session", "--dest", item.service, "--object-path",
                   item.path, "--method", "org.freedesktop.DBus.Properties.Get",
@@ -101,7 +115,7 @@ def check_icon_variant(app, item):
 
 
 def run_tray(args, app):
-    host = {"xembed": "XEmbed", "sni": "StatusNotifierItem"}[args.tray]
+    host = {"xembed": "XEmbed", "xembed-dark": "XEmbed", "sni": "StatusNotifierItem"}[args.tray]
     app.wait_event(rf"tray icon shown \({host}\)", 20)
     elapsed_ms = (time.monotonic() - app.started) * 1000
     print(f"tray icon shown {elapsed_ms:.0f} ms after start ({host})")
@@ -110,7 +124,7 @@ def run_tray(args, app):
 
 def drive_tray(args, app):
 
-    if args.tray == "xembed":
+    if args.tray.startswith("xembed"):
         # The tray lays its icons out after embedding them: wait until ours stays put.
         icon, previous = icon_rect(app), None
         deadline = time.monotonic() + 5
@@ -120,9 +134,10 @@ def drive_tray(args, app):
         left_click = lambda: click_centre(icon, 1)  # noqa: E731
         item = None
     else:
+        icon = None
         item = StatusNotifierItem(os.environ["BONKWELL_SNI_LOG"])
         left_click = lambda: item.call("Activate", 640, 12)  # noqa: E731
-    check_icon_variant(app, item)
+    check_icon_variant(app, item, icon)
 
     # The panel opens on a left click and takes the keyboard.
     left_click()
@@ -265,7 +280,8 @@ def run_late_tray(args, app):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
-    parser.add_argument("--tray", required=True, choices=["xembed", "sni", "none", "late"])
+    parser.add_argument("--tray", required=True,
+                        choices=["xembed", "xembed-dark", "sni", "none", "late"])
     parser.add_argument("--shots", required=True)
     args = parser.parse_args()
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))

@@ -9,6 +9,7 @@
 
 #include <QApplication>
 #include <QLabel>
+#include <QPainter>
 #include <QScreen>
 #include <QTest>
 #include <QVBoxLayout>
@@ -282,6 +283,25 @@ TEST(TrayIconArt, EitherMarkStandsOutOnDarkAndLightPanels) {
               4.5);
     EXPECT_GE(contrast(trayicon::glyphColor(trayicon::Variant::light), QColor(0xef, 0xf0, 0xf1)),
               4.5);
+}
+
+TEST(TrayIconArt, ThePanelBehindTheIconPicksTheVariant) {
+    using trayicon::Variant;
+    for (const auto& [panel, expected] : {std::pair{QColor(Qt::black), Variant::dark},
+                                          std::pair{QColor(0x3c, 0x3c, 0x3c), Variant::dark},
+                                          std::pair{QColor(Qt::white), Variant::light},
+                                          std::pair{QColor(0xd6, 0xd6, 0xd6), Variant::light}}) {
+        // The tray as a screenshot shows it: the panel with an icon on it.
+        QImage behind(24, 24, QImage::Format_ARGB32);
+        behind.fill(panel);
+        QPainter painter(&behind);
+        painter.drawImage(
+            0, 0,
+            trayicon::drawMark(expected == Variant::dark ? Variant::light : Variant::dark, 24));
+        painter.end();
+        EXPECT_EQ(trayicon::variantForBackground(behind), expected) << panel.name().toStdString();
+    }
+    EXPECT_FALSE(trayicon::variantForBackground(QImage()).has_value());
 }
 
 TEST(TrayIconArt, TheIconCarriesTheSymbolicNameForHostsThatRecolour) {

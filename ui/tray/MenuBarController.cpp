@@ -26,6 +26,9 @@
 namespace bonkwell {
 namespace {
 
+// How long after showing the icon the panel behind it is looked at.
+constexpr int kLookAtPanelMs = 1500;
+
 // How long the desktop has to bring a window forward before the log says it did not.
 constexpr int kActivationCheckMs = 1000;
 
@@ -156,6 +159,8 @@ void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
     if (!trayIcon_->show()) {
         logLine(QStringLiteral("Bonkwell: the tray icon could not be shown"));
     }
+    // Once the tray has placed the icon, the panel behind it can be looked at.
+    QTimer::singleShot(kLookAtPanelMs, this, [this] { updateTrayIcon(); });
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
     testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
@@ -186,6 +191,8 @@ void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reaso
     if (at) {
         activationPoint_ = at;
     }
+    // The panel may have changed its colours since (a theme the app is not told about).
+    updateTrayIcon();
     switch (reason) {
         case QSystemTrayIcon::Trigger:
         case QSystemTrayIcon::DoubleClick:
@@ -338,6 +345,18 @@ bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
 }
 
 trayicon::Variant MenuBarController::iconVariant() const {
+    // Where the tray says where the icon is (XEmbed), the panel behind it decides.
+    const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
+    if (icon.isValid()) {
+        if (QScreen* screen = QGuiApplication::screenAt(icon.center())) {
+            const QPoint at = icon.topLeft() - screen->geometry().topLeft();
+            const QImage behind =
+                screen->grabWindow(0, at.x(), at.y(), icon.width(), icon.height()).toImage();
+            if (const auto variant = trayicon::variantForBackground(behind)) {
+                return *variant;
+            }
+        }
+    }
     return trayicon::variantFor(QGuiApplication::palette(),
                                 qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
 }
