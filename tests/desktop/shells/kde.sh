@@ -32,11 +32,10 @@ if [ -z "${BONKWELL_IN_SHELL_BUS:-}" ]; then
         plasma-apply-colorscheme plasma-apply-desktoptheme
     make_scratch kde
     export BONKWELL_IN_SHELL_BUS=1
-    exec dbus-run-session -- "$0" --theme "$theme" -- "$@"
+    run_session_bus "$0" --theme "$theme" -- "$@"
 fi
 scratch="$BONKWELL_SESSION_DIR"
-cleanup() { stop_all; rm -rf "$scratch"; }
-trap cleanup EXIT
+trap stop_all EXIT
 
 export XDG_CURRENT_DESKTOP=KDE XDG_SESSION_DESKTOP=KDE XDG_SESSION_TYPE=x11 DESKTOP_SESSION=plasma
 export KDE_FULL_SESSION=true KDE_SESSION_VERSION=5 KWIN_COMPOSE=N

@@ -34,11 +34,10 @@ if [ -z "${BONKWELL_IN_SHELL_BUS:-}" ]; then
     need_tools xfce.sh dbus-run-session dbus-daemon Xvfb xprop xfwm4 xfce4-panel xfsettingsd xfconf-query
     make_scratch xfce
     export BONKWELL_IN_SHELL_BUS=1
-    exec dbus-run-session -- "$0" --theme "$theme" --tray "$tray" -- "$@"
+    run_session_bus "$0" --theme "$theme" --tray "$tray" -- "$@"
 fi
 scratch="$BONKWELL_SESSION_DIR"
-cleanup() { stop_all; rm -rf "$scratch"; }
-trap cleanup EXIT
+trap stop_all EXIT
 
 case "$theme" in
     light) gtk_theme=Adwaita ;;
