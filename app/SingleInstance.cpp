@@ -15,6 +15,41 @@ namespace {
 
 const QByteArray kShowRequest = QByteArrayLiteral("show\n");
 const QByteArray kShownReply = QByteArrayLiteral("shown\n");
+constexpr qsizetype kMaxTokenLength = 512;
+
+// "show\n", or "show TOKEN\n" with the launcher's activation token of this start, which lets
+// the running copy bring its panel forward where the compositor asks for one (Wayland).
+QByteArray showRequest() {
+    QByteArray token = qgetenv("XDG_ACTIVATION_TOKEN");
+    if (token.isEmpty()) {
+        token = qgetenv("DESKTOP_STARTUP_ID");
+    }
+    if (token.isEmpty() || token.size() > kMaxTokenLength || token.contains('\n') ||
+        token.contains(' ')) {
+        return kShowRequest;
+    }
+    return "show " + token + "\n";
+}
+
+// The token of a show request; nullopt when the line is not one.
+std::optional<QString> tokenOf(const QByteArray& line) {
+    if (line == kShowRequest) {
+        return QString();
+    }
+    if (!line.startsWith("show ") || !line.endsWith('\n')) {
+        return std::nullopt;
+    }
+    const QByteArray token = line.mid(5, line.size() - 6);
+    if (token.isEmpty() || token.size() > kMaxTokenLength) {
+        return std::nullopt;
+    }
+    for (const char c : token) {
+        if (c <= ' ' || c > '~') {
+            return std::nullopt;
+        }
+    }
+    return QString::fromLatin1(token);
+}
 
 }  // namespace
 
@@ -52,7 +87,7 @@ SingleInstance::Ask SingleInstance::askRunningCopy(QString* error) {
         *error = socket.errorString();
         return Ask::noAnswer;
     }
-    socket.write(kShowRequest);
+    socket.write(showRequest());
     QByteArray reply;
     while (!reply.endsWith('\n') && socket.waitForReadyRead(replyTimeoutMs_)) {
         reply += socket.readAll();
@@ -109,20 +144,23 @@ void SingleInstance::onNewConnection() {
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
         connect(socket, &QLocalSocket::readyRead, socket, [this, socket] {
             if (!socket->canReadLine()) {
-                if (socket->bytesAvailable() > 64) {
+                if (socket->bytesAvailable() > kMaxTokenLength + 16) {
                     socket->abort();  // not one of ours
                 }
                 return;
             }
-            const QByteArray line = socket->readLine();
-            if (line != kShowRequest) {
+            const QByteArray line = socket->readLine(kMaxTokenLength + 16);
+            const std::optional<QString> token = tokenOf(line);
+            if (!token) {
                 logLine(QStringLiteral("Bonkwell: ignored a request on the instance socket"));
                 socket->abort();
                 return;
             }
+            requestToken_ = *token;
             if (handler_) {
                 handler_();
             }
+            requestToken_.clear();
             socket->write(kShownReply);
             socket->flush();
             socket->disconnectFromServer();

@@ -35,6 +35,10 @@ class SingleInstance : public QObject, public InstanceGuard {
     std::optional<Role> claim(QString* error) override;
     void setShowRequestHandler(std::function<void()> handler) override;
 
+    // While the show-request handler runs: the activation token the later start brought from
+    // its launcher (XDG_ACTIVATION_TOKEN or DESKTOP_STARTUP_ID), or empty.
+    QString requestToken() const { return requestToken_; }
+
     // $XDG_RUNTIME_DIR/bonkwell/instance, or a folder of this user's in the temp folder when
     // the session has no runtime folder.
     static QString defaultSocketPath();
@@ -49,6 +53,7 @@ class SingleInstance : public QObject, public InstanceGuard {
     int replyTimeoutMs_;
     std::unique_ptr<QLocalServer> server_;
     std::function<void()> handler_;
+    QString requestToken_;
 };
 
 }  // namespace bonkwell

@@ -61,7 +61,9 @@ int main(int argc, char** argv) {
     AppDelegate delegate(std::move(parts), [&desktop, &instance](AppDelegate& d) {
         auto menuBar = std::make_unique<MenuBarController>(d.state(), d.detector(), d.audio(),
                                                            d.packManager(), d.engine(), desktop);
-        instance.setShowRequestHandler([controller = menuBar.get()] { controller->showPanel(); });
+        instance.setShowRequestHandler([controller = menuBar.get(), &instance] {
+            controller->showPanel(instance.requestToken());
+        });
         menuBar->start();
         return menuBar;
     });

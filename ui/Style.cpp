@@ -2,7 +2,11 @@
 #include "Style.h"
 
 #include <QApplication>
+#include <QEvent>
 #include <QWidget>
+
+#include <algorithm>
+#include <cmath>
 
 namespace bonkwell::style {
 
@@ -77,9 +81,93 @@ void setTextColor(QWidget* widget, const QColor& color) {
     widget->setPalette(p);
 }
 
+namespace {
+
+double relativeLuminance(const QColor& c) {
+    auto channel = [](double v) {
+        return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    };
+    const QColor rgb = c.toRgb();
+    return 0.2126 * channel(rgb.redF()) + 0.7152 * channel(rgb.greenF()) +
+           0.0722 * channel(rgb.blueF());
+}
+
+QColor mix(const QColor& from, const QColor& to, double t) {
+    const QColor a = from.toRgb();
+    const QColor b = to.toRgb();
+    return QColor::fromRgbF(static_cast<float>(a.redF() + (b.redF() - a.redF()) * t),
+                            static_cast<float>(a.greenF() + (b.greenF() - a.greenF()) * t),
+                            static_cast<float>(a.blueF() + (b.blueF() - a.blueF()) * t));
+}
+
+// Gives a widget the secondary text colour of its parent's palette, again whenever that
+// palette changes (a new theme, or the widget moving to another window).
+class SecondaryText final : public QObject {
+  public:
+    explicit SecondaryText(QWidget* widget) : QObject(widget), widget_(widget) { apply(); }
+
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (watched == widget_ &&
+            (event->type() == QEvent::PaletteChange || event->type() == QEvent::ParentChange)) {
+            apply();
+        }
+        return false;
+    }
+
+  private:
+    void apply() {
+        const QWidget* parent = widget_->parentWidget();
+        const QPalette source = parent != nullptr ? parent->palette() : QApplication::palette();
+        const QColor color = secondaryText(source);
+        QPalette p = widget_->palette();
+        if (p.color(QPalette::WindowText) == color && p.color(QPalette::Text) == color &&
+            p.isBrushSet(QPalette::Active, QPalette::WindowText)) {
+            return;
+        }
+        for (auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+            p.setColor(role, color);
+        }
+        widget_->setPalette(p);
+    }
+
+    QWidget* widget_;
+};
+
+}  // namespace
+
+double contrastRatio(const QColor& a, const QColor& b) {
+    const double la = relativeLuminance(a);
+    const double lb = relativeLuminance(b);
+    return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
+}
+
+QColor secondaryText(const QPalette& palette) {
+    const QColor text = palette.color(QPalette::WindowText);
+    const QColor window = palette.color(QPalette::Window);
+    // Dimmed at most 40 % of the way to the background, and never below 4.5:1.
+    constexpr double kMostDimming = 0.4;
+    constexpr double kMargin = 0.05;
+    if (contrastRatio(text, window) < kSecondaryContrast + kMargin) {
+        return text;
+    }
+    double lo = 0.0;
+    double hi = kMostDimming;
+    for (int i = 0; i < 16; ++i) {
+        const double t = (lo + hi) / 2;
+        if (contrastRatio(mix(text, window, t), window) >= kSecondaryContrast + kMargin) {
+            lo = t;
+        } else {
+            hi = t;
+        }
+    }
+    return mix(text, window, lo);
+}
+
 void setSecondary(QWidget* widget) {
-    // A role rather than a fixed colour, so the text follows a change of theme.
-    widget->setForegroundRole(QPalette::PlaceholderText);
+    if (widget->findChild<SecondaryText*>(QString(), Qt::FindDirectChildrenOnly) != nullptr) {
+        return;
+    }
+    widget->installEventFilter(new SecondaryText(widget));
 }
 
 }  // namespace bonkwell::style

@@ -32,7 +32,16 @@ QColor destructiveText(const QPalette& palette);
 
 // Draws the label's text in `color` (kept when the palette changes).
 void setTextColor(QWidget* widget, const QColor& color);
-// Dims the widget's text like secondary text (follows the theme).
+// Dims the widget's text like secondary text, and keeps it so when the theme changes.
 void setSecondary(QWidget* widget);
+
+// Secondary text for the palette's window background: the window text blended towards the
+// window colour only as far as a contrast of 4.5:1 holds (palette roles every style fills; a
+// style's placeholder colour can be darker than a dark background).
+QColor secondaryText(const QPalette& palette);
+// The WCAG contrast ratio of two opaque colours (1 to 21).
+double contrastRatio(const QColor& a, const QColor& b);
+// The least contrast secondary text keeps with its background.
+inline constexpr double kSecondaryContrast = 4.5;
 
 }  // namespace bonkwell::style

@@ -161,4 +161,9 @@ QIcon handIcon(const QColor& color) {
     return result;
 }
 
+QIcon appIcon() {
+    ensureResources();
+    return QIcon(QStringLiteral(":/bonkwell/icons/com.bonkwell.Bonkwell.svg"));
+}
+
 }  // namespace bonkwell::symbols

@@ -29,4 +29,7 @@ QIcon icon(const QString& symbol, const QColor& color);
 QPixmap handPixmap(const QColor& color, int size, qreal devicePixelRatio = 1.0);
 QIcon handIcon(const QColor& color);
 
+// The app's own icon (the one the package installs), for its windows.
+QIcon appIcon();
+
 }  // namespace bonkwell::symbols

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "WindowHost.h"
 
+#include "Symbols.h"
+
 #include <QCloseEvent>
 #include <QGuiApplication>
 #include <QScreen>
@@ -24,6 +26,7 @@ WindowHost* makeWindowHost(const QString& objectName, const QString& title, Qt::
     auto* window = new WindowHost;
     window->setObjectName(objectName);
     window->setWindowTitle(title);
+    window->setWindowIcon(symbols::appIcon());
     window->setWindowFlags(flags);
     auto* layout = new QVBoxLayout(window);
     layout->setContentsMargins(0, 0, 0, 0);

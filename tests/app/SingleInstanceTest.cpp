@@ -75,6 +75,26 @@ TEST_F(SingleInstanceTest, SecondStartAsksTheFirstToShowItselfAndIsSecondary) {
     EXPECT_EQ(shown, 2);
 }
 
+TEST_F(SingleInstanceTest, TheLaterStartHandsOverItsLaunchersActivationToken) {
+    SingleInstance first(path());
+    QStringList tokens;
+    first.setShowRequestHandler([&] { tokens.append(first.requestToken()); });
+    ASSERT_EQ(first.claim(nullptr), Role::primary);
+
+    QString error;
+    ::unsetenv("DESKTOP_STARTUP_ID");
+    ::setenv("XDG_ACTIVATION_TOKEN", "gnome-shell/Bonkwell/1234-5-host_TIME42", 1);
+    EXPECT_EQ(claimFromOtherThread(&error), Role::secondary) << error.toStdString();
+    ::unsetenv("XDG_ACTIVATION_TOKEN");
+    ::setenv("DESKTOP_STARTUP_ID", "launcher-99_TIME7", 1);
+    EXPECT_EQ(claimFromOtherThread(&error), Role::secondary) << error.toStdString();
+    ::unsetenv("DESKTOP_STARTUP_ID");
+    EXPECT_EQ(claimFromOtherThread(&error), Role::secondary) << error.toStdString();
+    EXPECT_EQ(tokens,
+              QStringList({"gnome-shell/Bonkwell/1234-5-host_TIME42", "launcher-99_TIME7", ""}));
+    EXPECT_TRUE(first.requestToken().isEmpty());  // only while the request is handled
+}
+
 TEST_F(SingleInstanceTest, SocketLeftByACrashedCopyIsTakenOver) {
     QDir().mkpath(QFileInfo(path()).absolutePath());
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);

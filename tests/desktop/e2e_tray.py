@@ -7,34 +7,45 @@
 xembed/sni: the icon appears; a left click shows the panel; a right click (or the D-Bus
 host's menu) opens Settings and Calibration, found by their titles; toggling listening in
 the panel reaches the stored settings after the next save; "Quit Bonkwell" ends the app.
-none: with no tray host the panel appears as a window titled "Bonkwell", and closing it
-ends the app.
+none: with no tray host the panel appears as a window titled "Bonkwell" within 3 s, and
+closing it ends the app.
+late: no tray host at first, so the window; then a D-Bus tray host comes up: the icon appears,
+the window goes, and the app goes on from its icon.
+Every window carries the app's icon (_NET_WM_ICON).
 """
 import argparse
 import os
+import subprocess
 import sys
 import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop_driver import (App, Failure, StatusNotifierItem, click_centre, drive,  # noqa: E402
+from desktop_driver import (App, Failure, StatusNotifierItem, click, click_centre, drive,  # noqa: E402
                             geometry, keys, screenshot, wait_window, find_windows, run,
                             window_property)
 
 
 def panel_widgets(app, pattern_timeout=10):
-    """Waits for the panel and returns {name: (x, y, w, h)} of its named controls."""
+    """Waits for the panel and returns {name: (x, y, w, h)} of its named controls; fails
+    unless the panel also said it has the keyboard ("panel active")."""
     app.wait_event(r"panel shown at .*", pattern_timeout)
     widgets = {}
+    active = False
     deadline = time.monotonic() + 3
     while time.monotonic() < deadline:
         try:
-            m = app.wait_event(r"panel widget (\S+) at (.*)", 0.5)
+            m = app.wait_event(r"panel (?:widget (\S+) at (.*)|active)", 0.5)
         except Failure:
             break
-        widgets[m.group(1)] = geometry(m.group(2))
+        if m.group(1) is None:
+            active = True
+        else:
+            widgets[m.group(1)] = geometry(m.group(2))
     if "listeningSwitch" not in widgets:
         raise Failure(f"the panel reported no listening switch: {sorted(widgets)}")
+    if not active:
+        raise Failure("the panel did not get the keyboard (no 'panel active')")
     return widgets
 
 
@@ -59,11 +70,35 @@ def icon_rect(app):
     raise Failure("the tray icon window did not appear")
 
 
+def expect_window_icon(title):
+    wid = wait_window(title)[0]
+    icon = window_property(wid, "_NET_WM_ICON")
+    if "not found" in icon or "Icon (" not in icon:
+        raise Failure(f"the window {title!r} has no icon: {icon.strip()[:200]}")
+
+
+def check_icon_variant(app, item):
+    """The icon says which variant it shows; a D-Bus host also gets the symbolic icon's name."""
+    m = app.wait_event(r"tray icon theme (light|dark)", 5)
+    print(f"tray icon variant: {m.group(1)}")
+    if item is not None:
+        out = run("gdbus", "call", "--session", "--dest", item.service, "--object-path",
+                  item.path, "--method", "org.freedesktop.DBus.Properties.Get",
+                  "org.kde.StatusNotifierItem", "IconName")
+        if "com.bonkwell.Bonkwell-symbolic" not in out:
+            raise Failure(f"the tray item names no symbolic icon: {out.strip()}")
+        print("the D-Bus tray item names com.bonkwell.Bonkwell-symbolic")
+
+
 def run_tray(args, app):
     host = {"xembed": "XEmbed", "sni": "StatusNotifierItem"}[args.tray]
     app.wait_event(rf"tray icon shown \({host}\)", 20)
     elapsed_ms = (time.monotonic() - app.started) * 1000
     print(f"tray icon shown {elapsed_ms:.0f} ms after start ({host})")
+    drive_tray(args, app)
+
+
+def drive_tray(args, app):
 
     if args.tray == "xembed":
         icon = icon_rect(app)
@@ -72,6 +107,7 @@ def run_tray(args, app):
     else:
         item = StatusNotifierItem(os.environ["BONKWELL_SNI_LOG"])
         left_click = lambda: item.call("Activate", 640, 12)  # noqa: E731
+    check_icon_variant(app, item)
 
     # The panel opens on a left click and takes the keyboard.
     left_click()
@@ -98,12 +134,22 @@ def run_tray(args, app):
 
     # Close the panel (Escape), then open Settings and Calibration from the context menu.
     keys("Escape")
-    app.wait_event(r"panel hidden", 5)
+    app.wait_event(r"panel hidden by escape", 5)
+    if item is None:
+        # Again, and a click elsewhere closes it.
+        time.sleep(0.3)
+        left_click()
+        app.wait_event(r"panel shown at .*", 5)
+        time.sleep(0.3)
+        click(300, 500)
+        app.wait_event(r"panel hidden by focus-lost", 5)
+        print("the panel closed on Escape and on a click elsewhere")
     for label, title in (("Settings\u2026", "Bonkwell Settings"),
                          ("Calibration\u2026", "Bonkwell Calibration")):
         if item is None:
             click_centre(icon, 3)
-            app.wait_event(r"menu shown", 5)
+            menu = geometry(app.wait_event(r"menu shown at (.*)", 5).group(1))
+            expect_menu_at_icon(menu, icon)
             time.sleep(0.3)
             steps = {"Settings\u2026": ["Down", "Down"], "Calibration\u2026": ["Down", "Down", "Down"]}[label]
             keys(*steps, "Return")
@@ -111,6 +157,7 @@ def run_tray(args, app):
             item.click_menu(label)
         app.wait_event(rf"window shown {title}", 10)
         wait_window(title)
+        expect_window_icon(title)
         state = window_property(find_windows(title)[0], "_NET_WM_STATE")
         if "_NET_WM_STATE_SKIP_TASKBAR" not in state:
             raise Failure(f"{title} shows in the taskbar: {state.strip()}")
@@ -121,7 +168,7 @@ def run_tray(args, app):
     # Quit from the menu.
     if item is None:
         click_centre(icon, 3)
-        app.wait_event(r"menu shown", 5)
+        app.wait_event(r"menu shown at .*", 5)
         time.sleep(0.3)
         keys("Up", "Return")
     else:
@@ -132,9 +179,24 @@ def run_tray(args, app):
     print("quit from the menu")
 
 
+def expect_menu_at_icon(menu, icon):
+    """The menu opens touching the icon (its corner or edge within a few pixels of it)."""
+    mx, my, mw, mh = menu
+    ix, iy, iw, ih = icon
+    gap_x = max(ix - (mx + mw), mx - (ix + iw), 0)
+    gap_y = max(iy - (my + mh), my - (iy + ih), 0)
+    if gap_x > 8 or gap_y > 8:
+        raise Failure(f"the menu opened at {menu}, away from the icon at {icon}")
+
+
 def run_no_tray(args, app):
-    app.wait_event(r"window shown Bonkwell", 45)
+    app.wait_event(r"window shown Bonkwell", 10)
+    elapsed = time.monotonic() - app.started
+    print(f"no tray: the Bonkwell window was shown {elapsed:.1f} s after start")
+    if elapsed > 3.0:
+        raise Failure(f"the Bonkwell window took {elapsed:.1f} s (more than 3 s) to appear")
     wid = wait_window("Bonkwell")[0]
+    expect_window_icon("Bonkwell")
     time.sleep(0.3)
     screenshot(os.path.join(args.shots, "no-tray-window.png"))
     if "IsViewable" not in run("xwininfo", "-id", wid):
@@ -146,15 +208,49 @@ def run_no_tray(args, app):
     print("no tray: the Bonkwell window appeared and closing it quit the app")
 
 
+def run_late_tray(args, app):
+    app.wait_event(r"window shown Bonkwell", 10)
+    wait_window("Bonkwell")
+    # Now a D-Bus tray host comes up, as an autostarted panel that lost the race would.
+    scratch = tempfile.mkdtemp(prefix="late-sni.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
+    ready, log = os.path.join(scratch, "ready"), os.path.join(scratch, "sni.log")
+    host = subprocess.Popen(["/usr/bin/python3", os.path.join(os.path.dirname(
+        os.path.abspath(__file__)), "sni_host.py"), "--ready", ready, "--log", log])
+    try:
+        app.wait_event(r"tray icon shown \(StatusNotifierItem\)", 10)
+        app.wait_event(r"window hidden Bonkwell", 5)
+        deadline = time.monotonic() + 5
+        while find_windows("Bonkwell") and time.monotonic() < deadline:
+            time.sleep(0.1)
+        if find_windows("Bonkwell"):
+            raise Failure("the Bonkwell window stayed after the tray came")
+        print("a tray host came later: the icon appeared and the window went")
+        item = StatusNotifierItem(log)
+        item.call("Activate", 640, 12)
+        app.wait_event(r"panel shown at .*", 5)
+        screenshot(os.path.join(args.shots, "tray-late-panel.png"))
+        keys("Escape")
+        app.wait_event(r"panel hidden by escape", 5)
+        item.click_menu("Quit Bonkwell")
+        code = app.wait_exit(15)
+        if code != 0:
+            raise Failure(f"the app exited with {code}")
+        print("the panel opens from the late icon; quit from its menu")
+    finally:
+        host.terminate()
+        host.wait(timeout=10)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
-    parser.add_argument("--tray", required=True, choices=["xembed", "sni", "none"])
+    parser.add_argument("--tray", required=True, choices=["xembed", "sni", "none", "late"])
     parser.add_argument("--shots", required=True)
     args = parser.parse_args()
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     app = App(args.app, home)
-    return drive(app, run_no_tray if args.tray == "none" else run_tray, args, app)
+    steps = {"none": run_no_tray, "late": run_late_tray}.get(args.tray, run_tray)
+    return drive(app, steps, args, app)
 
 
 if __name__ == "__main__":

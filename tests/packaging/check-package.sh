@@ -48,6 +48,7 @@ expected=(
     /usr/libexec/bonkwell/Helpers/bonkwell-helper-setup
     /usr/share/applications/com.bonkwell.Bonkwell.desktop
     /usr/share/icons/hicolor/scalable/apps/com.bonkwell.Bonkwell.svg
+    /usr/share/icons/hicolor/symbolic/apps/com.bonkwell.Bonkwell-symbolic.svg
     /usr/share/icons/hicolor/48x48/apps/com.bonkwell.Bonkwell.png
     /usr/share/icons/hicolor/64x64/apps/com.bonkwell.Bonkwell.png
     /usr/share/icons/hicolor/128x128/apps/com.bonkwell.Bonkwell.png

@@ -152,7 +152,7 @@ def run_installed(args, app):
 
     # Settings → General: the helper is not installed yet.
     click_centre(icon, 3)
-    app.wait_event(r"menu shown", 5)
+    app.wait_event(r"menu shown at .*", 5)
     time.sleep(0.3)
     keys("Down", "Down", "Return")
     app.wait_event(r"window shown Bonkwell Settings", 10)
@@ -222,7 +222,7 @@ def run_installed(args, app):
     app.wait_event(r"panel hidden", 5)
     helpers = helper_pids(app)
     click_centre(icon, 3)
-    app.wait_event(r"menu shown", 5)
+    app.wait_event(r"menu shown at .*", 5)
     time.sleep(0.3)
     keys("Up", "Return")
     code = app.wait_exit(15)

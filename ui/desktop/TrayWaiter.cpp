@@ -4,6 +4,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusServiceWatcher>
 #include <QDBusVariant>
 #include <QDateTime>
 #include <QGuiApplication>
@@ -19,26 +20,62 @@ TrayWaiter::TrayWaiter(QObject* parent) : QObject(parent) {
     connect(&timer_, &QTimer::timeout, this, [this] { poll(); });
 }
 
-void TrayWaiter::wait(std::function<void(Host)> onReady, int timeoutMs, int intervalMs) {
+void TrayWaiter::wait(std::function<void(Host)> onReady, int timeoutMs, int intervalMs,
+                      int laterIntervalMs) {
     onReady_ = std::move(onReady);
     deadline_ = QDateTime::currentMSecsSinceEpoch() + timeoutMs;
+    laterIntervalMs_ = laterIntervalMs;
+    gaveUp_ = false;
     timer_.setInterval(intervalMs);
+    watchBus();
     poll();
     if (onReady_) {
         timer_.start();
     }
 }
 
+void TrayWaiter::watchBus() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected() || busWatch_ != nullptr) {
+        return;
+    }
+    const QString watcher = QStringLiteral("org.kde.StatusNotifierWatcher");
+    busWatch_ =
+        new QDBusServiceWatcher(watcher, bus, QDBusServiceWatcher::WatchForRegistration, this);
+    connect(busWatch_, &QDBusServiceWatcher::serviceRegistered, this, [this] {
+        if (onReady_) {
+            poll();
+        }
+    });
+    // A watcher that is there before its host: the host's registration is announced.
+    bus.connect(watcher, QStringLiteral("/StatusNotifierWatcher"), watcher,
+                QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(hostRegistered()));
+}
+
+void TrayWaiter::hostRegistered() {
+    if (onReady_) {
+        poll();
+    }
+}
+
 void TrayWaiter::poll() {
+    if (!onReady_) {
+        return;
+    }
     const Host host = currentHost();
-    if (host == Host::none && QDateTime::currentMSecsSinceEpoch() < deadline_) {
+    if (host == Host::none) {
+        if (gaveUp_ || QDateTime::currentMSecsSinceEpoch() < deadline_) {
+            return;
+        }
+        // No tray in time: say so once, then keep looking, less often.
+        gaveUp_ = true;
+        timer_.setInterval(laterIntervalMs_);
+        onReady_(Host::none);
         return;
     }
     timer_.stop();
     auto callback = std::exchange(onReady_, {});
-    if (callback) {
-        callback(host);
-    }
+    callback(host);
 }
 
 TrayWaiter::Host TrayWaiter::currentHost() {

@@ -8,6 +8,7 @@
 #include "Symbols.h"
 #include "TestEvents.h"
 #include "Widgets.h"
+#include "WindowHost.h"
 
 #include <QApplication>
 #include <QCloseEvent>
@@ -25,9 +26,8 @@
 namespace bonkwell {
 namespace {
 
-// A click outside the open panel closes it before the tray sees the click; a trigger that
-// close behind it is that same click and must not reopen the panel.
-constexpr qint64 kReopenGuardMs = 250;
+// How long the desktop has to bring a window forward before the log says it did not.
+constexpr int kActivationCheckMs = 1000;
 
 // Closing the fallback window ends the app.
 class FallbackWindow final : public QWidget {
@@ -83,10 +83,7 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
       engine_(engine),
       desktop_(desktop) {
     QPointer<MenuBarController> weak(this);
-    popup_ = std::make_unique<QWidget>(nullptr, Qt::Popup | Qt::FramelessWindowHint);
-    popup_->setObjectName(QStringLiteral("panelPopup"));
-    auto* layout = new QVBoxLayout(popup_.get());
-    layout->setContentsMargins(0, 0, 0, 0);
+    panelHost_ = std::make_unique<PanelHost>(PanelHost::styleForPlatform());
     popover_ = new PopoverView(
         state_, detector_, audio_, packManager_, engine_,
         [weak] {
@@ -100,8 +97,9 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
             }
         },
         [] { QCoreApplication::quit(); });
-    layout->addWidget(popover_);
-    popup_->installEventFilter(this);
+    panelHost_->setContent(popover_);
+    // The menu's place on screen, and the desktop's theme, which the icon follows.
+    qApp->installEventFilter(this);
 
     watchWindowsForTests(this);
     // For the desktop tests: what the open panel's "Today" counter shows, each time it changes.
@@ -110,7 +108,7 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
             // Will-set: the label takes the new value during this call; read it afterwards.
             QTimer::singleShot(0, weak, [weak] {
                 if (weak && weak->panelShown()) {
-                    reportText(weak->popup_.get(), QStringLiteral("todayCount"));
+                    reportText(weak->panel(), QStringLiteral("todayCount"));
                 }
             });
         });
@@ -118,7 +116,8 @@ MenuBarController::MenuBarController(AppState& state, SlapDetectorInterface& det
 
     connect(&menu_, &QMenu::aboutToShow, this, [this] {
         rebuildMenu();
-        testEvent(QStringLiteral("menu shown"));
+        // The click that opened the menu also closed the panel.
+        panelHost_->justHidden(PanelHost::HideReason::menu);
     });
     rebuildMenu();
 }
@@ -136,13 +135,15 @@ void MenuBarController::start(int trayTimeoutMs) {
                 showFallbackWindow();
             } else {
                 createTrayIcon(host);
+                retireFallbackWindow();
             }
         },
         trayTimeoutMs);
 }
 
 void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
-    trayIcon_ = std::make_unique<QSystemTrayIcon>(makeIcon());
+    shownVariant_ = iconVariant();
+    trayIcon_ = std::make_unique<QSystemTrayIcon>(trayicon::makeIcon(*shownVariant_));
     trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
     // The same menu for every host: hosts that draw the menu themselves export this one.
     trayIcon_->setContextMenu(&menu_);
@@ -150,6 +151,7 @@ void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
             [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
     trayIcon_->show();
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
+    testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
 
 void MenuBarController::showFallbackWindow() {
@@ -158,12 +160,14 @@ void MenuBarController::showFallbackWindow() {
         "AppIndicator extension adds a tray)"));
     auto* window = new FallbackWindow;
     window->setAttribute(Qt::WA_DeleteOnClose);
+    window->setObjectName(QStringLiteral("fallbackWindow"));
     window->setWindowTitle(QStringLiteral("Bonkwell"));
-    window->setWindowIcon(makeIcon());
+    window->setWindowIcon(symbols::appIcon());
     auto* layout = new QVBoxLayout(window);
     layout->setContentsMargins(0, 0, 0, 0);
-    // The panel moves from the popup into the window for the rest of the run.
-    popup_->hide();
+    layout->setSizeConstraint(QLayout::SetFixedSize);
+    // The panel moves from the popup into the window until a tray shows up.
+    panelHost_->window()->hide();
     layout->addWidget(popover_);
     fallbackWindow_ = window;
     popover_->refresh();
@@ -184,60 +188,102 @@ void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reaso
     }
 }
 
+void MenuBarController::retireFallbackWindow() {
+    if (fallbackWindow_ == nullptr) {
+        return;
+    }
+    // A tray came after all: the panel goes back to dropping down from the icon, and the
+    // window goes without ending the app.
+    QWidget* window = fallbackWindow_;
+    fallbackWindow_ = nullptr;
+    window->hide();
+    panelHost_->setContent(popover_);
+    window->deleteLater();
+    testEvent(QStringLiteral("window hidden Bonkwell"));
+}
+
 QWidget* MenuBarController::panel() const {
-    return popup_.get();
+    return panelHost_->window();
 }
 
 bool MenuBarController::panelShown() const {
-    return popup_->isVisible();
+    return panelHost_->isShown();
 }
 
 void MenuBarController::togglePopover() {
+    togglePanel(PanelHost::HideReason::iconClick);
+}
+
+void MenuBarController::togglePanel(PanelHost::HideReason closeReason) {
     if (fallbackWindow_ != nullptr) {
-        fallbackWindow_->show();
-        fallbackWindow_->raise();
-        fallbackWindow_->activateWindow();
+        bringToFront(fallbackWindow_);
         return;
     }
-    if (popup_->isVisible()) {
-        popup_->close();
+    if (panelHost_->isShown()) {
+        panelHost_->hide(closeReason);
         return;
     }
-    if (QDateTime::currentMSecsSinceEpoch() - popupHiddenAtMs_ < kReopenGuardMs) {
-        return;
+    if (panelHost_->justHidden(closeReason)) {
+        return;  // the click that closed the panel a moment ago
     }
+    openPanel();
+}
+
+void MenuBarController::openPanel() {
     popover_->refresh();
-    popup_->adjustSize();
-    positionPanel();
-    popup_->show();
-    popup_->raise();
-    popup_->activateWindow();
-    popover_->setFocus(Qt::PopupFocusReason);
-    testEvent(QStringLiteral("panel shown at %1").arg(geometryText(popup_.get())));
-    reportWidgets(QStringLiteral("panel"), popup_.get());
+    panelHost_->show(panelPosition(panelHost_->panelSize()));
+    QWidget* window = panelHost_->window();
+    reportWidgets(QStringLiteral("panel"), window);
     if (testEventsEnabled()) {
-        reportText(popup_.get(), QStringLiteral("engineStatusLabel"));
-        reportText(popup_.get(), QStringLiteral("todayCount"));
+        reportText(window, QStringLiteral("engineStatusLabel"));
+        reportText(window, QStringLiteral("todayCount"));
     }
 }
 
-void MenuBarController::showPanel() {
+void MenuBarController::showPanel(const QString& activationToken) {
+    if (!activationToken.isEmpty()) {
+        // Handed to the compositor when the window asks to be activated (Wayland).
+        qputenv("XDG_ACTIVATION_TOKEN", activationToken.toUtf8());
+    }
     if (fallbackWindow_ != nullptr) {
-        fallbackWindow_->setWindowState(fallbackWindow_->windowState() & ~Qt::WindowMinimized);
-    } else if (popup_->isVisible()) {
-        popup_->raise();
-        popup_->activateWindow();
-        return;
+        bringToFront(fallbackWindow_);
+    } else if (panelHost_->isShown()) {
+        bringToFront(panelHost_->window());
+    } else {
+        openPanel();  // an explicit request, not the click that just closed the panel
     }
-    popupHiddenAtMs_ = 0;  // an explicit request, not the click that just closed the panel
-    togglePopover();
+    // Not for the helper or anything else this process starts later.
+    qunsetenv("XDG_ACTIVATION_TOKEN");
+
+    QPointer<QWidget> shown = fallbackWindow_ != nullptr ? fallbackWindow_.data() : panel();
+    const bool hadToken = !activationToken.isEmpty();
+    QTimer::singleShot(kActivationCheckMs, this, [shown, hadToken] {
+        if (shown == nullptr || !shown->isVisible() || shown->isActiveWindow() ||
+            QApplication::activePopupWidget() == shown) {
+            return;
+        }
+        logLine(QStringLiteral("Bonkwell: the desktop did not bring the Bonkwell window forward "
+                               "for this start (%1)")
+                    .arg(hadToken ? QStringLiteral("it did not honour the launcher's activation "
+                                                   "token")
+                                  : QStringLiteral("the launcher passed no activation token")));
+    });
 }
 
-void MenuBarController::positionPanel() {
-    const QSize size = popup_->size();
+void MenuBarController::setActivationPoint(const QPoint& point) {
+    activationPoint_ = point;
+}
+
+QPoint MenuBarController::panelPosition(const QSize& size) const {
     const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
-    const QPoint anchor =
-        icon.isValid() ? QPoint(icon.center().x(), icon.bottom() + 1) : QCursor::pos();
+    // The icon's place when the tray tells it; else where the host says the click was; else
+    // the pointer.
+    QPoint anchor = QCursor::pos();
+    if (icon.isValid()) {
+        anchor = QPoint(icon.center().x(), icon.bottom() + 1);
+    } else if (activationPoint_) {
+        anchor = *activationPoint_;
+    }
     QScreen* screen = QGuiApplication::screenAt(anchor);
     if (screen == nullptr) {
         screen = QGuiApplication::primaryScreen();
@@ -252,22 +298,51 @@ void MenuBarController::positionPanel() {
                             std::max(area.left(), area.right() - size.width() + 1)));
     topLeft.setY(std::clamp(topLeft.y(), area.top(),
                             std::max(area.top(), area.bottom() - size.height() + 1)));
-    popup_->move(topLeft);
+    return topLeft;
 }
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
-    if (watched == popup_.get() && event->type() == QEvent::Hide) {
-        popupHiddenAtMs_ = QDateTime::currentMSecsSinceEpoch();
-        testEvent(QStringLiteral("panel hidden"));
+    switch (event->type()) {
+        case QEvent::Show:
+            if (watched == &menu_) {
+                testEvent(QStringLiteral("menu shown at %1").arg(geometryText(&menu_)));
+            }
+            break;
+        case QEvent::ApplicationPaletteChange:
+        case QEvent::ThemeChange:
+            if (watched == qApp || watched == panelHost_->window()) {
+                updateTrayIcon();
+            }
+            break;
+        default:
+            break;
     }
     return QObject::eventFilter(watched, event);
+}
+
+trayicon::Variant MenuBarController::iconVariant() const {
+    return trayicon::variantFor(QGuiApplication::palette(),
+                                qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
+}
+
+void MenuBarController::updateTrayIcon() {
+    if (!trayIcon_) {
+        return;
+    }
+    const trayicon::Variant variant = iconVariant();
+    if (shownVariant_ == variant) {
+        return;
+    }
+    shownVariant_ = variant;
+    trayIcon_->setIcon(trayicon::makeIcon(variant));
+    testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(variant)));
 }
 
 void MenuBarController::rebuildMenu() {
     // A fresh set of items each time the menu opens.
     menu_.clear();
     QAction* open = menu_.addAction(QStringLiteral("Open Bonkwell"));
-    connect(open, &QAction::triggered, this, [this] { togglePopover(); });
+    connect(open, &QAction::triggered, this, [this] { togglePanel(PanelHost::HideReason::menu); });
     menu_.addSeparator();
     QAction* settings = menu_.addAction(QStringLiteral("Settings\u2026"));
     settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));

@@ -4,6 +4,8 @@
 #include "AppState.h"
 #include "DesktopIntegration.h"
 #include "Interfaces.h"
+#include "PanelHost.h"
+#include "TrayIconArt.h"
 #include "TrayWaiter.h"
 
 #include <QDateTime>
@@ -14,6 +16,7 @@
 #include <QSystemTrayIcon>
 
 #include <memory>
+#include <optional>
 
 namespace bonkwell {
 
@@ -34,14 +37,16 @@ class MenuBarController : public QObject {
     ~MenuBarController() override;
 
     // Waits (up to `trayTimeoutMs`) for a tray host, then shows the icon; without one, shows
-    // the fallback window.
-    void start(int trayTimeoutMs = 30000);
+    // the fallback window, and swaps it for the icon if a tray host comes up later.
+    void start(int trayTimeoutMs = 2000);
 
     // Left click and "Open Bonkwell": shows the panel, or closes it when it is open.
     void togglePopover();
     // Shows the panel (or the fallback window) and brings it to the front; never closes it.
-    // What a second start of the app asks of the running one.
-    void showPanel();
+    // What a second start of the app asks of the running one, with the activation token its
+    // launcher gave it (Wayland compositors raise a window only with one). Says in the log
+    // when the desktop did not bring the panel forward.
+    void showPanel(const QString& activationToken = {});
     void openSettings();
     void openCalibration();
     void quit();
@@ -51,7 +56,12 @@ class MenuBarController : public QObject {
     void handleActivation(QSystemTrayIcon::ActivationReason reason);
 
     QMenu* contextMenu() { return &menu_; }
+    // Where the tray host says the user clicked (global coordinates): the panel opens there
+    // when the tray does not tell where its icon is.
+    void setActivationPoint(const QPoint& point);
+
     QWidget* panel() const;
+    PanelHost& panelHost() { return *panelHost_; }
     bool panelShown() const;
     QWidget* fallbackWindow() const { return fallbackWindow_; }
     SettingsWindowController* settingsWindow() const { return settingsWindow_.get(); }
@@ -61,12 +71,18 @@ class MenuBarController : public QObject {
 
     // The tray icon: our hand symbol in the panel's text colour, or an 18×18 circle.
     static QIcon makeIcon();
+    // The tray icon's variant for the current theme (what the icon shows once there is one).
+    trayicon::Variant iconVariant() const;
 
   private:
     void rebuildMenu();
     void createTrayIcon(TrayWaiter::Host host);
+    void updateTrayIcon();
     void showFallbackWindow();
-    void positionPanel();
+    void retireFallbackWindow();
+    void togglePanel(PanelHost::HideReason closeReason);
+    void openPanel();
+    QPoint panelPosition(const QSize& size) const;
     bool eventFilter(QObject* watched, QEvent* event) override;
 
     AppState& state_;
@@ -76,7 +92,7 @@ class MenuBarController : public QObject {
     ThuzzEngineInterface& engine_;
     DesktopIntegration& desktop_;
 
-    std::unique_ptr<QWidget> popup_;
+    std::unique_ptr<PanelHost> panelHost_;
     PopoverView* popover_ = nullptr;
     QMenu menu_;
     std::unique_ptr<QSystemTrayIcon> trayIcon_;
@@ -84,7 +100,8 @@ class MenuBarController : public QObject {
     std::unique_ptr<SettingsWindowController> settingsWindow_;
     std::unique_ptr<CalibrationWindowController> calibrationWindow_;
     TrayWaiter waiter_;
-    qint64 popupHiddenAtMs_ = 0;
+    std::optional<QPoint> activationPoint_;
+    std::optional<trayicon::Variant> shownVariant_;
     int menusBuilt_ = 0;
     Subscription todayEvents_;  // desktop tests only
 };
