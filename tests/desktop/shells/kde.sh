@@ -62,6 +62,7 @@ case "$theme" in
 esac
 
 start_xvfb
+unset QT_QPA_PLATFORM  # the shell draws on the X server (ctest sets offscreen for unit tests)
 dbus-update-activation-environment DISPLAY HOME XDG_CONFIG_HOME XDG_DATA_HOME XDG_CACHE_HOME \
     XDG_RUNTIME_DIR XDG_CURRENT_DESKTOP KDE_FULL_SESSION KDE_SESSION_VERSION >"$scratch/dbus-env.log" 2>&1
 

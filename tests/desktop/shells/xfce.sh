@@ -99,6 +99,7 @@ cat > "$channels/xfwm4.xml" <<XML
 XML
 
 start_xvfb
+unset QT_QPA_PLATFORM  # the shell draws on the X server (ctest sets offscreen for unit tests)
 export XDG_CURRENT_DESKTOP=XFCE XDG_SESSION_DESKTOP=xfce XDG_SESSION_TYPE=x11 DESKTOP_SESSION=xfce
 # D-Bus-started services (xfconfd, the panel's plugins) need the display and the folders.
 dbus-update-activation-environment DISPLAY HOME XDG_CONFIG_HOME XDG_DATA_HOME XDG_CACHE_HOME \
