@@ -11,6 +11,7 @@
 - `Checks`: a named list of checks, each passed or failed, printed as a table at the end.
 """
 import os
+import queue
 import re
 import subprocess
 import time
@@ -168,8 +169,10 @@ def icon_contrast(image, rect, minimum=3.0, min_pixels=12):
     return Measure(f"icon at {fmt_rect(rect)}", fore, back, ratio, minimum)
 
 
-def text_contrast(image, rect, what, minimum=4.5, min_pixels=4):
-    """A text drawn in `rect` against its background (the most common colour in `rect`)."""
+def text_contrast(image, rect, what, minimum=4.5, min_pixels=2):
+    """A text drawn in `rect` against its background (the most common colour in `rect`). The
+    text's colour is the one its two most solid pixels reach: small text, smoothed, has few
+    pixels fully in its own colour."""
     pixels = image.pixels(rect)
     if not pixels:
         raise Failure(f"{what}: {fmt_rect(rect)} is off the screenshot")
@@ -336,12 +339,52 @@ def wait_for(predicate, timeout, what, logs=None, interval=0.1):
         time.sleep(interval)
 
 
-def wait_event(app, pattern, timeout, logs=None):
-    """`app.wait_event`, failing with the shell's log lines too."""
+def _kept(app):
+    """The app's events seen so far, kept in order, and how far the tests have read them."""
+    if not hasattr(app, "kept_events"):
+        app.kept_events, app.read_events = [], 0
+    return app.kept_events
+
+
+def _pull(app, timeout):
     try:
-        return app.wait_event(pattern, timeout)
-    except Failure as failure:
-        raise logs.failure(str(failure)) if logs else failure
+        _, event = app.events.get(timeout=timeout)
+    except queue.Empty:
+        return
+    _kept(app).append(event)
+
+
+def wait_event(app, pattern, timeout, logs=None, since=None):
+    """Waits for the app's next event matching `pattern` and returns the match. Events are
+    kept, not dropped: the wait reads on from where the last one stopped, and passing `since`
+    (an index, see `event_index`) looks again from there without moving on. Fails with the
+    app's and the shell's log lines."""
+    kept = _kept(app)
+    i = app.read_events if since is None else since
+    deadline = time.monotonic() + timeout
+    while True:
+        while i < len(kept):
+            match = re.fullmatch(pattern, kept[i])
+            if match:
+                app.last_event = i
+                if since is None:
+                    app.read_events = i + 1
+                return match
+            i += 1
+        left = deadline - time.monotonic()
+        if left <= 0:
+            message = (f"no event matching {pattern!r} within {timeout}s; app log:\n" +
+                       "\n".join(app.log[-30:]))
+            raise logs.failure(message) if logs else Failure(message)
+        _pull(app, min(left, 0.2))
+
+
+def skip_events(app):
+    """From now on: later waits look only at events that come after this call."""
+    kept = _kept(app)
+    while not app.events.empty():
+        _pull(app, 0)
+    app.read_events = len(kept)
 
 
 # --- the table of checks -----------------------------------------------------------------------

@@ -42,6 +42,25 @@ wait_for() {  # wait_for SECONDS DESCRIPTION COMMAND…
     return 1
 }
 
+# run_session_bus SCRIPT ARGS…: runs SCRIPT inside a private session bus, then ends whatever
+# the session left behind (services the bus started, which outlive it and would hold the
+# test's output open) and removes the scratch folder. They are found by the scratch folder
+# in their environment, which only this session's processes have.
+run_session_bus() {
+    local status=0
+    dbus-run-session -- "$@" || status=$?
+    local env pid
+    for env in /proc/[0-9]*/environ; do
+        pid="${env#/proc/}"; pid="${pid%/environ}"
+        [ "$pid" = "$$" ] && continue
+        if tr '\0' '\n' 2>/dev/null < "$env" | grep -qxF "BONKWELL_SESSION_DIR=$scratch"; then
+            kill "$pid" 2>/dev/null || true
+        fi
+    done
+    rm -rf "$scratch"
+    exit "$status"
+}
+
 pids=()
 stop_all() {
     for ((i=${#pids[@]}-1; i>=0; i--)); do kill "${pids[$i]}" 2>/dev/null || true; done

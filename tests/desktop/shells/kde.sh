@@ -32,11 +32,10 @@ if [ -z "${BONKWELL_IN_SHELL_BUS:-}" ]; then
         plasma-apply-colorscheme plasma-apply-desktoptheme
     make_scratch kde
     export BONKWELL_IN_SHELL_BUS=1
-    exec dbus-run-session -- "$0" --theme "$theme" -- "$@"
+    run_session_bus "$0" --theme "$theme" -- "$@"
 fi
 scratch="$BONKWELL_SESSION_DIR"
-cleanup() { stop_all; rm -rf "$scratch"; }
-trap cleanup EXIT
+trap stop_all EXIT
 
 export XDG_CURRENT_DESKTOP=KDE XDG_SESSION_DESKTOP=KDE XDG_SESSION_TYPE=x11 DESKTOP_SESSION=plasma
 export KDE_FULL_SESSION=true KDE_SESSION_VERSION=5 KWIN_COMPOSE=N
@@ -63,6 +62,7 @@ case "$theme" in
 esac
 
 start_xvfb
+unset QT_QPA_PLATFORM  # the shell draws on the X server (ctest sets offscreen for unit tests)
 dbus-update-activation-environment DISPLAY HOME XDG_CONFIG_HOME XDG_DATA_HOME XDG_CACHE_HOME \
     XDG_RUNTIME_DIR XDG_CURRENT_DESKTOP KDE_FULL_SESSION KDE_SESSION_VERSION >"$scratch/dbus-env.log" 2>&1
 

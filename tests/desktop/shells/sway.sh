@@ -9,7 +9,8 @@
 # sway refuses to run as root: the session, and COMMAND with it, runs as an ordinary user made
 # for this run (a unique name, removed at the end). The seat of the headless backend has no
 # pointer; VIRTUAL_POINTER (built from shells/virtual_pointer.cpp) gives it one, so that
-# "swaymsg seat - cursor set X Y" and "cursor press|release button1" click like a mouse.
+# "swaymsg seat - cursor set X Y" and "cursor press|release button1" click like a mouse, and an
+# idle wtype gives it a keyboard.
 # COMMAND writes screenshots to BONKWELL_SHOTS (the run's own folder), copied to DIR at the
 # end. In COMMAND's environment: WAYLAND_DISPLAY, SWAYSOCK, DBUS_SESSION_BUS_ADDRESS, HOME,
 # XDG_*, BONKWELL_SESSION_DIR, BONKWELL_SHELL_LOGS, BONKWELL_SHOTS, BONKWELL_SHELL=sway,
@@ -74,7 +75,7 @@ xwayland disable
 CONF
 export WLR_BACKENDS=headless WLR_LIBINPUT_NO_DEVICES=1 WLR_RENDERER=pixman
 export XDG_CURRENT_DESKTOP=sway XDG_SESSION_TYPE=wayland XDG_SESSION_DESKTOP=sway
-unset DISPLAY WAYLAND_DISPLAY SWAYSOCK
+unset DISPLAY WAYLAND_DISPLAY SWAYSOCK QT_QPA_PLATFORM  # (ctest sets it for the unit tests)
 sway -c "$scratch/sway.conf" >"$scratch/sway.log" 2>&1 &
 pids+=($!)
 sway_up() {
@@ -92,6 +93,10 @@ dbus-update-activation-environment WAYLAND_DISPLAY SWAYSOCK XDG_CURRENT_DESKTOP 
 "$pointer" > "$scratch/pointer.out" 2>"$scratch/pointer.log" &
 pids+=($!)
 wait_for 10 "the virtual pointer" grep -q ready "$scratch/pointer.out"
+# A keyboard that stays, as a real one does: each wtype run below adds its own for the moment
+# it types, and a seat whose only keyboard comes and goes takes the focus away with it.
+wtype -s 3600000 >"$scratch/keyboard.log" 2>&1 &
+pids+=($!)
 
 if [ "$bar" = waybar ]; then
     cat > "$scratch/waybar.json" <<JSON

@@ -34,11 +34,10 @@ if [ -z "${BONKWELL_IN_SHELL_BUS:-}" ]; then
     need_tools xfce.sh dbus-run-session dbus-daemon Xvfb xprop xfwm4 xfce4-panel xfsettingsd xfconf-query
     make_scratch xfce
     export BONKWELL_IN_SHELL_BUS=1
-    exec dbus-run-session -- "$0" --theme "$theme" --tray "$tray" -- "$@"
+    run_session_bus "$0" --theme "$theme" --tray "$tray" -- "$@"
 fi
 scratch="$BONKWELL_SESSION_DIR"
-cleanup() { stop_all; rm -rf "$scratch"; }
-trap cleanup EXIT
+trap stop_all EXIT
 
 case "$theme" in
     light) gtk_theme=Adwaita ;;
@@ -100,6 +99,7 @@ cat > "$channels/xfwm4.xml" <<XML
 XML
 
 start_xvfb
+unset QT_QPA_PLATFORM  # the shell draws on the X server (ctest sets offscreen for unit tests)
 export XDG_CURRENT_DESKTOP=XFCE XDG_SESSION_DESKTOP=xfce XDG_SESSION_TYPE=x11 DESKTOP_SESSION=xfce
 # D-Bus-started services (xfconfd, the panel's plugins) need the display and the folders.
 dbus-update-activation-environment DISPLAY HOME XDG_CONFIG_HOME XDG_DATA_HOME XDG_CACHE_HOME \
