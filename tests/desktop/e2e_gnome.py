@@ -250,7 +250,11 @@ def panel_focused(gnome, since):
     def focused():
         window = panel_window(gnome)
         return window if window and window["focus"] else None
-    window = gnome.until("the panel's window taking the keyboard", focused, 10)
+    try:
+        window = gnome.until("the panel's window taking the keyboard", focused, 10)
+    except Failure as failure:
+        raise Failure(f"{failure}\nthe shell's focus window: {gnome.shell.focus_title()!r}; "
+                      f"the app's windows: {app_windows(gnome)}")
     return f"the shell's focus window is the panel ({window['title'] or 'untitled'})"
 
 
