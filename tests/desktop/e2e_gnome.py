@@ -366,8 +366,11 @@ def run_tray(gnome):
         if not found:
             return
         key, button, icon = found.value
-        checks.run(f"icon shows the app's image ({style})", icon_image, gnome, style)
-        checks.run(f"icon contrast ({style})", icon_reads, gnome, icon, style)
+        if checks.run(f"icon shows the app's image ({style})", icon_image, gnome, style):
+            checks.run(f"icon contrast ({style})", icon_reads, gnome, icon, style)
+        else:
+            checks.skip(f"icon contrast ({style})", "the item shows the extension's placeholder, "
+                        "not the app's image")
 
         opened = checks.run(f"panel opens on activation ({style})", open_panel, gnome, button)
         if not opened:
