@@ -162,7 +162,7 @@ class GnomeShell:
                                return [x, y, w, h].map(Math.round); };
             const out = {};
             for (const [key, item] of Object.entries(Main.panel.statusArea)) {
-                if (!key.startsWith('appindicator-') || !item.visible) continue;
+                if (!key.startsWith('appindicator-') || !item.mapped) continue;
                 const [ix, iy, iw, ih] = item._icon ? box(item._icon) : box(item);
                 const side = Math.min(iw, ih);
                 const image = item._icon?.gicon;
