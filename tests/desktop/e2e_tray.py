@@ -79,12 +79,39 @@ def expect_window_icon(title):
         raise Failure(f"the window {title!r} has no icon: {icon.strip()[:200]}")
 
 
+PIXBUF_CHECK = """
+import sys, gi
+gi.require_version("GdkPixbuf", "2.0")
+from gi.repository import GdkPixbuf
+pixbuf = GdkPixbuf.Pixbuf.new_from_file_at_size(sys.argv[1], 16, 16)
+print(f"{pixbuf.get_width()}x{pixbuf.get_height()}")
+"""
+
+
 def tray_lightness(icon):
     """The lightness (0 to 1) of the tray just inside the icon's corner, on a screenshot."""
     x, y, _, _ = icon
     out = run("import", "-window", "root", "-crop", f"1x1+{x + 1}+{y + 1}", "-format",
               "%[fx:lightness]", "info:", timeout=30)
     return float(out.strip())
+
+
+def expect_new_icon_on_colour_change(item):
+    """KDE's colour scheme signal makes the item announce its icon again (NewIcon), so the
+    panel draws the symbolic icon in its new colour."""
+    monitor = subprocess.Popen(["dbus-monitor", "--session",
+                                f"type='signal',sender='{item.service}',member='NewIcon'"],
+                               stdout=subprocess.PIPE, text=True)
+    try:
+        time.sleep(0.5)  # the monitor's match rule is in place
+        run("gdbus", "emit", "--session", "--object-path", "/KGlobalSettings", "--signal",
+            "org.kde.KGlobalSettings.notifyChange", "0", "0")
+        time.sleep(1)
+    finally:
+        monitor.terminate()
+    if "member=NewIcon" not in monitor.communicate(timeout=10)[0]:
+        raise Failure("the tray item did not announce a new icon after a colour scheme change")
+    print("a colour scheme change makes the item announce its icon again")
 
 
 def check_icon_variant(app, item, icon=None):
@@ -112,6 +139,14 @@ def check_icon_variant(app, item, icon=None):
         svg = "hicolor/symbolic/apps/com.bonkwell.Bonkwell-symbolic.svg"
         if not m or not os.path.exists(os.path.join(m.group(1), svg)):
             raise Failure(f"the tray item's icon theme path has no {svg}: {out.strip()}")
+        # GTK panels (GNOME's extension, XFCE) load it through gdk-pixbuf, which must
+        # recognise it as an SVG.
+        loaded = run("/usr/bin/python3", "-c", PIXBUF_CHECK, os.path.join(m.group(1), svg),
+                     check=False)
+        if loaded.strip() != "16x16":
+            raise Failure(f"gdk-pixbuf cannot load the symbolic icon: {loaded.strip()!r}")
+        print("the symbolic icon loads as a GTK panel loads it")
+        expect_new_icon_on_colour_change(item)
 
 
 def run_tray(args, app):

@@ -39,7 +39,7 @@ class MenuBarController : public QObject {
 
     // Waits (up to `trayTimeoutMs`) for a tray host, then shows the icon; without one, shows
     // the fallback window, and swaps it for the icon if a tray host comes up later.
-    void start(int trayTimeoutMs = 2000);
+    void start(int trayTimeoutMs = 1500);
 
     // Left click and "Open Bonkwell": shows the panel, or closes it when it is open.
     void togglePopover();
