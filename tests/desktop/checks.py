@@ -169,10 +169,11 @@ def icon_contrast(image, rect, minimum=3.0, min_pixels=12):
     return Measure(f"icon at {fmt_rect(rect)}", fore, back, ratio, minimum)
 
 
-def text_contrast(image, rect, what, minimum=4.5, min_pixels=2):
-    """A text drawn in `rect` against its background (the most common colour in `rect`). The
-    text's colour is the one its two most solid pixels reach: small text, smoothed, has few
-    pixels fully in its own colour."""
+def text_contrast(image, rect, what, minimum=4.5, min_pixels=1):
+    """A text drawn in `rect` (a label: nothing else is drawn there) against its background
+    (the most common colour in `rect`). The text's colour is its most solid pixel's: small
+    smoothed text may have hardly any pixel fully in its own colour, so even that is a little
+    short of the colour it is drawn in, never beyond it."""
     pixels = image.pixels(rect)
     if not pixels:
         raise Failure(f"{what}: {fmt_rect(rect)} is off the screenshot")

@@ -322,6 +322,8 @@ def menu_places(session, icon):
         if n == 0:
             session.shot("menu")
         places.append(menu)
+        if opens_at(menu, icon):
+            session.shot("menu-away")
         keys("Escape")
         wait_for(lambda: menu not in viewable_windows().values(), 5, "the menu to close on Escape",
                  session.logs)
