@@ -15,6 +15,7 @@ Every window carries the app's icon (_NET_WM_ICON).
 """
 import argparse
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -28,9 +29,10 @@ from desktop_driver import (App, Failure, StatusNotifierItem, click, click_centr
 
 def panel_widgets(app, pattern_timeout=10):
     """Waits for the panel and returns {name: (x, y, w, h)} of its named controls; fails
-    unless the panel also said it has the keyboard ("panel active")."""
-    app.wait_event(r"panel shown at .*", pattern_timeout)
-    widgets = {}
+    unless the panel also said it has the keyboard ("panel active"). The panel's own
+    rectangle is under the name "panel"."""
+    shown = app.wait_event(r"panel shown at (.*)", pattern_timeout)
+    widgets = {"panel": geometry(shown.group(1))}
     active = False
     deadline = time.monotonic() + 3
     while time.monotonic() < deadline:
@@ -77,10 +79,24 @@ def expect_window_icon(title):
         raise Failure(f"the window {title!r} has no icon: {icon.strip()[:200]}")
 
 
-def check_icon_variant(app, item):
+def tray_lightness(icon):
+    """The lightness (0 to 1) of the tray just inside the icon's corner, on a screenshot."""
+    x, y, _, _ = icon
+    out = run("import", "-window", "root", "-crop", f"1x1+{x + 1}+{y + 1}", "-format",
+              "%[fx:lightness]", "info:", timeout=30)
+    return float(out.strip())
+
+
+def check_icon_variant(app, item, icon=None):
     """The icon says which variant it shows; a D-Bus host also gets the symbolic icon's name."""
     m = app.wait_event(r"tray icon theme (light|dark)", 5)
     print(f"tray icon variant: {m.group(1)}")
+    if icon is not None:
+        # XEmbed: once placed, the icon takes the variant for the tray behind it.
+        expected = "dark" if tray_lightness(icon) < 0.5 else "light"
+        if m.group(1) != expected:
+            app.wait_event(rf"tray icon theme {expected}", 5)
+        print(f"the XEmbed icon shows the variant for the {expected} tray behind it")
     if item is not None:
         out = run("gdbus", "call", "--session", "--dest", item.service, "--object-path",
                   item.path, "--method", "org.freedesktop.DBus.Properties.Get",
@@ -88,10 +104,18 @@ def check_icon_variant(app, item):
         if "com.bonkwell.Bonkwell-symbolic" not in out:
             raise Failure(f"the tray item names no symbolic icon: {out.strip()}")
         print("the D-Bus tray item names com.bonkwell.Bonkwell-symbolic")
+        # Run from the build tree, the item tells the host where that icon is.
+        out = run("gdbus", "call", "--session", "--dest", item.service, "--object-path",
+                  item.path, "--method", "org.freedesktop.DBus.Properties.Get",
+                  "org.kde.StatusNotifierItem", "IconThemePath")
+        m = re.search(r"'([^']+)'", out)
+        svg = "hicolor/symbolic/apps/com.bonkwell.Bonkwell-symbolic.svg"
+        if not m or not os.path.exists(os.path.join(m.group(1), svg)):
+            raise Failure(f"the tray item's icon theme path has no {svg}: {out.strip()}")
 
 
 def run_tray(args, app):
-    host = {"xembed": "XEmbed", "sni": "StatusNotifierItem"}[args.tray]
+    host = {"xembed": "XEmbed", "xembed-dark": "XEmbed", "sni": "StatusNotifierItem"}[args.tray]
     app.wait_event(rf"tray icon shown \({host}\)", 20)
     elapsed_ms = (time.monotonic() - app.started) * 1000
     print(f"tray icon shown {elapsed_ms:.0f} ms after start ({host})")
@@ -100,18 +124,30 @@ def run_tray(args, app):
 
 def drive_tray(args, app):
 
-    if args.tray == "xembed":
-        icon = icon_rect(app)
+    if args.tray.startswith("xembed"):
+        # The tray lays its icons out after embedding them: wait until ours stays put.
+        icon, previous = icon_rect(app), None
+        deadline = time.monotonic() + 5
+        while icon != previous and time.monotonic() < deadline:
+            time.sleep(0.3)
+            previous, icon = icon, icon_rect(app)
         left_click = lambda: click_centre(icon, 1)  # noqa: E731
         item = None
     else:
+        icon = None
         item = StatusNotifierItem(os.environ["BONKWELL_SNI_LOG"])
         left_click = lambda: item.call("Activate", 640, 12)  # noqa: E731
-    check_icon_variant(app, item)
+    check_icon_variant(app, item, icon)
 
     # The panel opens on a left click and takes the keyboard.
     left_click()
     widgets = panel_widgets(app)
+    if item is not None:
+        # Opened where the host said the click was (640, 12): centred below that point.
+        x, y, w, _ = widgets["panel"]
+        if abs(x + w // 2 - 640) > 2 or y != 12:
+            raise Failure(f"the panel opened at {widgets['panel']}, not at the click (640, 12)")
+        print("the panel opened at the position the tray host passed with Activate")
     time.sleep(0.3)
     screenshot(os.path.join(args.shots, f"tray-{args.tray}-panel.png"))
     if find_windows("Bonkwell Settings"):
@@ -244,7 +280,8 @@ def run_late_tray(args, app):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
-    parser.add_argument("--tray", required=True, choices=["xembed", "sni", "none", "late"])
+    parser.add_argument("--tray", required=True,
+                        choices=["xembed", "xembed-dark", "sni", "none", "late"])
     parser.add_argument("--shots", required=True)
     args = parser.parse_args()
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))

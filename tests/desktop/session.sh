@@ -5,7 +5,7 @@
 # app: a private D-Bus session bus, an Xvfb screen, openbox, a tray host and a PulseAudio
 # server whose default sink is a null sink.
 #
-#   session.sh [--tray xembed|sni|none] [--sound] -- COMMAND [ARGS…]
+#   session.sh [--tray xembed|xembed-dark|sni|none] [--sound] -- COMMAND [ARGS…]
 #
 # In COMMAND's environment: DISPLAY, DBUS_SESSION_BUS_ADDRESS, XDG_RUNTIME_DIR,
 # BONKWELL_SESSION_DIR (scratch folder), BONKWELL_SINK_MONITOR (with --sound).
@@ -74,10 +74,13 @@ pids+=($!)
 wait_for 30 "openbox" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"'
 
 case "$tray" in
-    xembed)
+    xembed|xembed-dark)
         command -v trayer >/dev/null || { echo "session.sh: trayer is missing" >&2; exit 1; }
+        look=(--transparent false)
+        # A dark tray: trayer's own background tinted near-black, fully opaque.
+        [ "$tray" = xembed-dark ] && look=(--transparent true --alpha 0 --tint 0x202020)
         trayer --edge top --align right --widthtype request --height 24 --SetDockType true \
-            --SetPartialStrut true --expand true --transparent false >"$scratch/tray.log" 2>&1 &
+            --SetPartialStrut true --expand true "${look[@]}" >"$scratch/tray.log" 2>&1 &
         pids+=($!)
         wait_for 30 "the XEmbed tray" sh -c "xprop -root | grep -q _NET_SYSTEM_TRAY || xwininfo -root -tree | grep -qi trayer"
         ;;

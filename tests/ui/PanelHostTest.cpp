@@ -9,6 +9,7 @@
 
 #include <QApplication>
 #include <QLabel>
+#include <QPainter>
 #include <QScreen>
 #include <QTest>
 #include <QVBoxLayout>
@@ -148,12 +149,38 @@ class PanelPlacementTest : public PanelHostTest {
 TEST_F(PanelPlacementTest, ThePanelOpensWhereTheTrayHostSaysTheClickWas) {
     const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
     const QPoint click(area.left() + area.width() / 2, area.top() + 5);
-    menuBar.setActivationPoint(click);
-    menuBar.togglePopover();
+    menuBar.handleActivation(QSystemTrayIcon::Trigger, click);
     ASSERT_TRUE(menuBar.panelShown());
     const QRect panel = menuBar.panel()->geometry();
     EXPECT_EQ(panel.top(), click.y());
     EXPECT_NEAR(panel.center().x(), click.x(), 1);
+}
+
+TEST_F(PanelPlacementTest, AClickAtTheBottomOfTheScreenOpensThePanelAboveIt) {
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    const QPoint click(area.left() + 100, area.bottom() - 5);
+    menuBar.handleActivation(QSystemTrayIcon::Trigger, click);
+    ASSERT_TRUE(menuBar.panelShown());
+    const QRect panel = menuBar.panel()->geometry();
+    ASSERT_LT(panel.height(), area.height() - 10);  // room above the click
+    EXPECT_EQ(panel.bottom() + 1, click.y());
+    EXPECT_GE(panel.left(), area.left());
+}
+
+TEST_F(PanelPlacementTest, TheWholePanelFitsItsWindowDownToTheBottomRow) {
+    menuBar.togglePopover();
+    ASSERT_TRUE(menuBar.panelShown());
+    QWidget* window = menuBar.panel();
+    auto* quit = window->findChild<QWidget*>(QStringLiteral("quitButton"));
+    ASSERT_NE(quit, nullptr);
+    const QRect inWindow(quit->mapTo(window, QPoint(0, 0)), quit->size());
+    EXPECT_TRUE(window->rect().contains(inWindow))
+        << "quit button at " << inWindow.y() << "+" << inWindow.height() << " in a window "
+        << window->height() << " high";
+    auto* view = window->findChild<PopoverView*>();
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(view->height(), view->sizeHint().height());
+    EXPECT_EQ(view->width(), PopoverView::kWidth);
 }
 
 TEST_F(PanelPlacementTest, TheIconClickThatClosesThePanelIsToldAsSuch) {
@@ -256,6 +283,25 @@ TEST(TrayIconArt, EitherMarkStandsOutOnDarkAndLightPanels) {
               4.5);
     EXPECT_GE(contrast(trayicon::glyphColor(trayicon::Variant::light), QColor(0xef, 0xf0, 0xf1)),
               4.5);
+}
+
+TEST(TrayIconArt, ThePanelBehindTheIconPicksTheVariant) {
+    using trayicon::Variant;
+    for (const auto& [panel, expected] : {std::pair{QColor(Qt::black), Variant::dark},
+                                          std::pair{QColor(0x3c, 0x3c, 0x3c), Variant::dark},
+                                          std::pair{QColor(Qt::white), Variant::light},
+                                          std::pair{QColor(0xd6, 0xd6, 0xd6), Variant::light}}) {
+        // The tray as a screenshot shows it: the panel with an icon on it.
+        QImage behind(24, 24, QImage::Format_ARGB32);
+        behind.fill(panel);
+        QPainter painter(&behind);
+        painter.drawImage(
+            0, 0,
+            trayicon::drawMark(expected == Variant::dark ? Variant::light : Variant::dark, 24));
+        painter.end();
+        EXPECT_EQ(trayicon::variantForBackground(behind), expected) << panel.name().toStdString();
+    }
+    EXPECT_FALSE(trayicon::variantForBackground(QImage()).has_value());
 }
 
 TEST(TrayIconArt, TheIconCarriesTheSymbolicNameForHostsThatRecolour) {

@@ -28,7 +28,7 @@ class TrayWaiter : public QObject {
     // `timeoutMs` without one. Polls every `intervalMs` meanwhile. After Host::none it keeps
     // looking (every `laterIntervalMs`) and calls `onReady` once more when a host appears
     // later (an autostart that beat the panel).
-    void wait(std::function<void(Host)> onReady, int timeoutMs = 2000, int intervalMs = 250,
+    void wait(std::function<void(Host)> onReady, int timeoutMs = 1500, int intervalMs = 250,
               int laterIntervalMs = 1000);
     // True while no host was found yet (before or after the timeout).
     bool waiting() const { return static_cast<bool>(onReady_); }

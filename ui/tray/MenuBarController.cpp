@@ -26,6 +26,9 @@
 namespace bonkwell {
 namespace {
 
+// How long after showing the icon the panel behind it is looked at.
+constexpr int kLookAtPanelMs = 1500;
+
 // How long the desktop has to bring a window forward before the log says it did not.
 constexpr int kActivationCheckMs = 1000;
 
@@ -143,13 +146,21 @@ void MenuBarController::start(int trayTimeoutMs) {
 
 void MenuBarController::createTrayIcon(TrayWaiter::Host host) {
     shownVariant_ = iconVariant();
-    trayIcon_ = std::make_unique<QSystemTrayIcon>(trayicon::makeIcon(*shownVariant_));
+    trayIcon_ = host == TrayWaiter::Host::statusNotifier ? makeStatusNotifierTrayIcon()
+                                                         : makeXEmbedTrayIcon();
+    trayIcon_->setIcon(trayicon::makeIcon(*shownVariant_));
     trayIcon_->setToolTip(QStringLiteral("Bonkwell"));
-    // The same menu for every host: hosts that draw the menu themselves export this one.
+    // The same menu for every host: hosts that draw the menu themselves get it exported.
     trayIcon_->setContextMenu(&menu_);
-    connect(trayIcon_.get(), &QSystemTrayIcon::activated, this,
-            [this](QSystemTrayIcon::ActivationReason reason) { handleActivation(reason); });
-    trayIcon_->show();
+    trayIcon_->setActivationHandler(
+        [this](QSystemTrayIcon::ActivationReason reason, std::optional<QPoint> at) {
+            handleActivation(reason, at);
+        });
+    if (!trayIcon_->show()) {
+        logLine(QStringLiteral("Bonkwell: the tray icon could not be shown"));
+    }
+    // Once the tray has placed the icon, the panel behind it can be looked at.
+    QTimer::singleShot(kLookAtPanelMs, this, [this] { updateTrayIcon(); });
     testEvent(QStringLiteral("tray icon shown (%1)").arg(TrayWaiter::describe(host)));
     testEvent(QStringLiteral("tray icon theme %1").arg(trayicon::describe(*shownVariant_)));
 }
@@ -175,7 +186,13 @@ void MenuBarController::showFallbackWindow() {
     testEvent(QStringLiteral("window shown Bonkwell"));
 }
 
-void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason) {
+void MenuBarController::handleActivation(QSystemTrayIcon::ActivationReason reason,
+                                         std::optional<QPoint> at) {
+    if (at) {
+        activationPoint_ = at;
+    }
+    // The panel may have changed its colours since (a theme the app is not told about).
+    updateTrayIcon();
     switch (reason) {
         case QSystemTrayIcon::Trigger:
         case QSystemTrayIcon::DoubleClick:
@@ -276,23 +293,30 @@ void MenuBarController::setActivationPoint(const QPoint& point) {
 
 QPoint MenuBarController::panelPosition(const QSize& size) const {
     const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
-    // The icon's place when the tray tells it; else where the host says the click was; else
-    // the pointer.
-    QPoint anchor = QCursor::pos();
+    // The icon's place when the tray tells it; else where the host said the last click was;
+    // else the pointer, where the app knows it (plain X11: under a Wayland compositor it is
+    // only where the pointer last crossed one of our windows); else the top right corner,
+    // where trays mostly are.
+    std::optional<QPoint> anchor;
     if (icon.isValid()) {
         anchor = QPoint(icon.center().x(), icon.bottom() + 1);
     } else if (activationPoint_) {
         anchor = *activationPoint_;
+    } else if (panelHost_->style() == PanelHost::Style::popup) {
+        anchor = QCursor::pos();
     }
-    QScreen* screen = QGuiApplication::screenAt(anchor);
+    QScreen* screen = anchor ? QGuiApplication::screenAt(*anchor) : nullptr;
     if (screen == nullptr) {
         screen = QGuiApplication::primaryScreen();
     }
     const QRect area = screen != nullptr ? screen->availableGeometry() : QRect(QPoint(), size);
-    QPoint topLeft(anchor.x() - size.width() / 2, anchor.y());
-    // A tray at the bottom of the screen: open upwards, above the icon.
-    if (icon.isValid() && topLeft.y() + size.height() > area.bottom()) {
-        topLeft.setY(icon.top() - size.height());
+    if (!anchor) {
+        return QPoint(area.right() + 1 - size.width(), area.top());
+    }
+    QPoint topLeft(anchor->x() - size.width() / 2, anchor->y());
+    // A tray at the bottom of the screen: open upwards, above the icon (or the click).
+    if (topLeft.y() + size.height() > area.bottom() && anchor->y() > area.center().y()) {
+        topLeft.setY((icon.isValid() ? icon.top() : anchor->y()) - size.height());
     }
     topLeft.setX(std::clamp(topLeft.x(), area.left(),
                             std::max(area.left(), area.right() - size.width() + 1)));
@@ -321,6 +345,18 @@ bool MenuBarController::eventFilter(QObject* watched, QEvent* event) {
 }
 
 trayicon::Variant MenuBarController::iconVariant() const {
+    // Where the tray says where the icon is (XEmbed), the panel behind it decides.
+    const QRect icon = trayIcon_ ? trayIcon_->geometry() : QRect();
+    if (icon.isValid()) {
+        if (QScreen* screen = QGuiApplication::screenAt(icon.center())) {
+            const QPoint at = icon.topLeft() - screen->geometry().topLeft();
+            const QImage behind =
+                screen->grabWindow(0, at.x(), at.y(), icon.width(), icon.height()).toImage();
+            if (const auto variant = trayicon::variantForBackground(behind)) {
+                return *variant;
+            }
+        }
+    }
     return trayicon::variantFor(QGuiApplication::palette(),
                                 qEnvironmentVariable("XDG_CURRENT_DESKTOP"));
 }

@@ -5,6 +5,7 @@
 #include "DesktopIntegration.h"
 #include "Interfaces.h"
 #include "PanelHost.h"
+#include "TrayIcon.h"
 #include "TrayIconArt.h"
 #include "TrayWaiter.h"
 
@@ -38,7 +39,7 @@ class MenuBarController : public QObject {
 
     // Waits (up to `trayTimeoutMs`) for a tray host, then shows the icon; without one, shows
     // the fallback window, and swaps it for the icon if a tray host comes up later.
-    void start(int trayTimeoutMs = 2000);
+    void start(int trayTimeoutMs = 1500);
 
     // Left click and "Open Bonkwell": shows the panel, or closes it when it is open.
     void togglePopover();
@@ -53,7 +54,9 @@ class MenuBarController : public QObject {
 
     // What a tray activation does: a left click toggles, a right click never does (the menu
     // is shown by the tray host or by Qt).
-    void handleActivation(QSystemTrayIcon::ActivationReason reason);
+    // `at`: where the host says the click was, if it does.
+    void handleActivation(QSystemTrayIcon::ActivationReason reason,
+                          std::optional<QPoint> at = std::nullopt);
 
     QMenu* contextMenu() { return &menu_; }
     // Where the tray host says the user clicked (global coordinates): the panel opens there
@@ -66,7 +69,7 @@ class MenuBarController : public QObject {
     QWidget* fallbackWindow() const { return fallbackWindow_; }
     SettingsWindowController* settingsWindow() const { return settingsWindow_.get(); }
     CalibrationWindowController* calibrationWindow() const { return calibrationWindow_.get(); }
-    QSystemTrayIcon* trayIcon() const { return trayIcon_.get(); }
+    TrayIcon* trayIcon() const { return trayIcon_.get(); }
     int menusBuilt() const { return menusBuilt_; }
 
     // The tray icon: our hand symbol in the panel's text colour, or an 18×18 circle.
@@ -95,7 +98,7 @@ class MenuBarController : public QObject {
     std::unique_ptr<PanelHost> panelHost_;
     PopoverView* popover_ = nullptr;
     QMenu menu_;
-    std::unique_ptr<QSystemTrayIcon> trayIcon_;
+    std::unique_ptr<TrayIcon> trayIcon_;
     QPointer<QWidget> fallbackWindow_;
     std::unique_ptr<SettingsWindowController> settingsWindow_;
     std::unique_ptr<CalibrationWindowController> calibrationWindow_;

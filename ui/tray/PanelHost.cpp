@@ -17,6 +17,8 @@ namespace {
 // A click outside the open panel closes it before the tray (or the menu) sees that click; a
 // trigger this soon behind the closing is the same click.
 constexpr qint64 kSameClickMs = 250;
+// How long a loss of focus must last before it closes the panel.
+constexpr int kFocusSettleMs = 200;
 
 qint64 nowMs() {
     return QDateTime::currentMSecsSinceEpoch();
@@ -50,8 +52,9 @@ class PanelHost::Window final : public QWidget {
             case QEvent::WindowDeactivate:
                 if (owner_.style_ == Style::window) {
                     // Looked at once the focus has settled: a list dropping down from the
-                    // panel's own picker takes the focus for a moment without closing it.
-                    QTimer::singleShot(0, this, [this] {
+                    // panel's own picker, or a keyboard joining the seat (Wayland), takes the
+                    // focus for a moment without closing it.
+                    QTimer::singleShot(kFocusSettleMs, this, [this] {
                         if (isVisible() && !isActiveWindow() &&
                             QApplication::activePopupWidget() == nullptr) {
                             owner_.hide(HideReason::focusLost);

@@ -64,6 +64,20 @@ Variant variantFor(const QPalette& palette, const QString& desktop) {
     return window.lightnessF() < text.lightnessF() ? Variant::dark : Variant::light;
 }
 
+std::optional<Variant> variantForBackground(const QImage& behind) {
+    if (behind.width() < 3 || behind.height() < 3) {
+        return std::nullopt;
+    }
+    const int right = behind.width() - 2;
+    const int bottom = behind.height() - 2;
+    double lightness = 0;
+    for (const QPoint& p :
+         {QPoint(1, 1), QPoint(right, 1), QPoint(1, bottom), QPoint(right, bottom)}) {
+        lightness += behind.pixelColor(p).lightnessF();
+    }
+    return lightness / 4 < 0.5 ? Variant::dark : Variant::light;
+}
+
 QColor glyphColor(Variant variant) {
     return variant == Variant::dark ? QColor(0xf6, 0xf5, 0xf4) : QColor(0x24, 0x1f, 0x31);
 }

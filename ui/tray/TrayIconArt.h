@@ -11,6 +11,8 @@
 #include <QPalette>
 #include <QString>
 
+#include <optional>
+
 namespace bonkwell::trayicon {
 
 // The panel theme a picture is made for: `dark` is a light hand with a dark outline.
@@ -23,6 +25,10 @@ QString describe(Variant variant);
 // The variant for panels drawn in `palette`. `desktop` is XDG_CURRENT_DESKTOP: GNOME's top bar
 // is dark in its light style too.
 Variant variantFor(const QPalette& palette, const QString& desktop);
+
+// The variant for a panel that looks like `behind`, a picture of the tray where the icon sits
+// (its corners, which the mark leaves clear, show the panel); nullopt for an empty picture.
+std::optional<Variant> variantForBackground(const QImage& behind);
 
 // The hand in `size` × `size` pixels with its outline.
 QImage drawMark(Variant variant, int size);
