@@ -241,8 +241,9 @@ def fmt_rect(rect):
 def text_rows(image, rect, min_height=5):
     """The lines of text in `rect` (a menu, say), top to bottom, as (top, bottom) rows: runs of
     rows where some but not most pixels stand out from the most common colour (rules, borders
-    and whatever lies outside a menu are all one colour across)."""
-    r = image.clip(rect)
+    and whatever lies outside a menu are all one colour across; a frame's sides are left out)."""
+    # Leave out a frame's sides: a few columns at either edge.
+    r = image.clip((rect[0] + 3, rect[1], rect[2] - 6, rect[3]))
     if r is None:
         return []
     x, y, w, h = r
