@@ -169,10 +169,11 @@ def icon_contrast(image, rect, minimum=3.0, min_pixels=12):
     return Measure(f"icon at {fmt_rect(rect)}", fore, back, ratio, minimum)
 
 
-def text_contrast(image, rect, what, minimum=4.5, min_pixels=2):
-    """A text drawn in `rect` against its background (the most common colour in `rect`). The
-    text's colour is the one its two most solid pixels reach: small text, smoothed, has few
-    pixels fully in its own colour."""
+def text_contrast(image, rect, what, minimum=4.5, min_pixels=1):
+    """A text drawn in `rect` (a label: nothing else is drawn there) against its background
+    (the most common colour in `rect`). The text's colour is its most solid pixel's: small
+    smoothed text may have hardly any pixel fully in its own colour, so even that is a little
+    short of the colour it is drawn in, never beyond it."""
     pixels = image.pixels(rect)
     if not pixels:
         raise Failure(f"{what}: {fmt_rect(rect)} is off the screenshot")
@@ -240,8 +241,9 @@ def fmt_rect(rect):
 def text_rows(image, rect, min_height=5):
     """The lines of text in `rect` (a menu, say), top to bottom, as (top, bottom) rows: runs of
     rows where some but not most pixels stand out from the most common colour (rules, borders
-    and whatever lies outside a menu are all one colour across)."""
-    r = image.clip(rect)
+    and whatever lies outside a menu are all one colour across; a frame's sides are left out)."""
+    # Leave out a frame's sides: a few columns at either edge.
+    r = image.clip((rect[0] + 3, rect[1], rect[2] - 6, rect[3]))
     if r is None:
         return []
     x, y, w, h = r

@@ -68,6 +68,8 @@ class IconBoxTest(unittest.TestCase):
 class MenuRowsTest(unittest.TestCase):
     def test_text_lines_are_found_and_rules_and_borders_are_not(self):
         menu = image(100, 60, (250, 250, 250), [((0, 0, 100, 1), (120, 120, 120)),
+                                                ((0, 0, 1, 60), (120, 120, 120)),
+                                                ((99, 0, 1, 60), (120, 120, 120)),
                                                 ((10, 5, 30, 8), (30, 30, 30)),
                                                 ((0, 20, 100, 1), (200, 200, 200)),
                                                 ((10, 30, 40, 9), (30, 30, 30))])

@@ -20,7 +20,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from checks import (Checks, Image, ShellLogs, changed_columns, pad, dominant_colour, fmt_rect,  # noqa: E402
-                    icon_contrast, opens_at, text_contrast, wait_event, wait_for, skip_events,
+                    icon_contrast, opens_at, text_contrast, text_rows, wait_event, wait_for, skip_events,
                     contrast_ratio)
 from desktop_driver import (App, Failure, click, click_centre, find_windows, geometry,  # noqa: E402
                             keys, run, screenshot)
@@ -215,9 +215,8 @@ def run_checks(session, app, host, before, strip):
     checks.run("closes on icon click", close_by_icon_click)
 
     checks.run("menu at icon", menu_places, session, icon)
-    for label, title, downs in (("Settings", "Bonkwell Settings", 2),
-                                ("Calibration", "Bonkwell Calibration", 3)):
-        checks.run(f"menu opens {label}", menu_entry, session, app, icon, downs, title)
+    for label, title in (("Settings", "Bonkwell Settings"), ("Calibration", "Bonkwell Calibration")):
+        checks.run(f"menu opens {label}", menu_entry, session, app, icon, f"{label}\u2026", title)
     if os.environ["BONKWELL_SHELL"] == "kde":
         checks.run("icon follows theme change", follow_theme, session, icon, image)
     checks.run("quit", quit_from_menu, session, app, icon)
@@ -322,6 +321,8 @@ def menu_places(session, icon):
         if n == 0:
             session.shot("menu")
         places.append(menu)
+        if opens_at(menu, icon):
+            session.shot("menu-away")
         keys("Escape")
         wait_for(lambda: menu not in viewable_windows().values(), 5, "the menu to close on Escape",
                  session.logs)
@@ -332,10 +333,26 @@ def menu_places(session, icon):
     return f"{MENU_OPENS} of {MENU_OPENS} at the icon: " + ", ".join(fmt_rect(m) for m in sorted(set(places)))
 
 
-def menu_entry(session, app, icon, downs, title):
-    open_menu(session, icon)
-    time.sleep(0.3)
-    keys(*(["Down"] * downs), "Return")
+MENU = ("Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell")
+
+
+def click_menu_entry(session, icon, label):
+    """Opens the menu and clicks `label` with the pointer: the menu's lines of text are its
+    entries, in order."""
+    menu = open_menu(session, icon)
+    time.sleep(0.4)
+    path = session.shot("menu-probe")
+    rows = text_rows(Image.load(path), menu)
+    os.remove(path)
+    if len(rows) != len(MENU):
+        raise Failure(f"the menu at {fmt_rect(menu)} shows {len(rows)} lines, not the "
+                      f"{len(MENU)} entries {MENU}")
+    top, bottom = rows[MENU.index(label)]
+    click(menu[0] + min(70, menu[2] // 3), (top + bottom) // 2)
+
+
+def menu_entry(session, app, icon, label, title):
+    click_menu_entry(session, icon, label)
     wait_event(app, rf"window shown {title}", 10, session.logs)
     wait_for(lambda: find_windows(title), 10, f"a window titled {title!r}", session.logs)
     time.sleep(0.4)
@@ -346,9 +363,7 @@ def menu_entry(session, app, icon, downs, title):
 
 
 def quit_from_menu(session, app, icon):
-    open_menu(session, icon)
-    time.sleep(0.3)
-    keys("Up", "Return")
+    click_menu_entry(session, icon, "Quit Bonkwell")
     code = app.wait_exit(15)
     if code != 0:
         raise Failure(f"the app exited with {code}")
