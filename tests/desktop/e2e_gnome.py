@@ -1,0 +1,555 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""The app on GNOME Shell, driven like a person would: run inside shells/gnome.sh.
+
+  e2e_gnome.py --app BIN --tray appindicator --client wayland|x11 --shots DIR
+  e2e_gnome.py --app BIN --tray none --shots DIR
+
+appindicator (the AppIndicator extension, the app as a Wayland client or through XWayland):
+the icon shows in the top bar and reads against it (3:1); a double click on it (the
+extension's activation) opens the panel under the top bar at the icon, with the keyboard;
+a click elsewhere, Escape and activating the icon again close it; a single click opens the
+menu at the icon, whose entries open Settings, Calibration and the panel (at the icon), and
+"Quit Bonkwell" ends the app with status 0 and takes the item off the bar; the panel's
+secondary texts read (4.5:1) in the light and the dark style.
+none (stock GNOME, no tray): as a Wayland and as an X11 client, the Bonkwell window shows
+within 3 s of start; closing it, or its Quit button, ends the app with status 0.
+
+Pointer and keys go through the shell's own virtual devices; places come from the shell.
+Prints one line per check and a table at the end; fails if any check failed.
+"""
+import argparse
+import os
+import re
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from checks import (Checks, Image, ShellLogs, fmt_rect, icon_contrast, opens_at,  # noqa: E402
+                    text_contrast, wait_for)
+from desktop_driver import App, Failure, geometry  # noqa: E402
+from gnome_shell import GnomeShell, ShellError  # noqa: E402
+
+# Texts the panel draws in the secondary style: each must read against its background.
+SECONDARY_TEXTS = ("engineStatusLabel", "sensitivityValue", "sensitivityHint", "volumeValue")
+# The counters' captions, one caption line right above each counter.
+CAPTIONS = {"todayCount": "Today", "totalCount": "Total"}
+CAPTION_HEIGHT = 15
+MAX_FALLBACK_S = 3.0
+INDICATOR_EXTENSION = "ubuntu-appindicators@ubuntu.com"
+
+
+class Found:
+    """A step's result: what later steps use, and one short line for the table."""
+
+    def __init__(self, value, text):
+        self.value, self.text = value, text
+
+    def describe(self):
+        return self.text
+
+
+class Gnome:
+    """One GNOME desktop test: the shell, its logs, the checks and the screenshots."""
+
+    def __init__(self, args, desktop):
+        self.args = args
+        self.desktop = desktop
+        self.logs = ShellLogs(paths=[os.environ.get("BONKWELL_SHELL_LOG", "")])
+        try:
+            self.shell = GnomeShell()
+        except ShellError as error:
+            raise self.logs.failure(f"the shell's test interface does not answer: {error}")
+        self.checks = Checks(desktop)
+        self.home = tempfile.mkdtemp(prefix="bonkwell-home.",
+                                     dir=os.environ.get("BONKWELL_SESSION_DIR"))
+        self.app = None
+
+    def start_app(self, client=None):
+        client = client or self.args.client
+        platform = "wayland" if client == "wayland" else "xcb"
+        self.app = App(self.args.app, self.home, {"QT_QPA_PLATFORM": platform})
+        return self.app
+
+    def shot(self, name):
+        path = os.path.join(self.args.shots, f"{self.desktop}-{name}.png")
+        try:
+            return self.shell.screenshot(path)
+        except ShellError as error:
+            raise self.logs.failure(str(error))
+
+    def mark(self):
+        """A place in the app's log: `event` finds what came after it."""
+        return len(self.app.log)
+
+    def event(self, pattern, timeout=10, since=0):
+        """The first of the app's test events after `since` (a `mark`) matching `pattern`:
+        (match, its place in the log). The log is kept whole, so an event that came while the
+        test looked elsewhere still counts."""
+        prefix = "bonkwell-event: "
+
+        def find():
+            log = self.app.log
+            for i in range(since, len(log)):
+                if log[i].startswith(prefix):
+                    m = re.fullmatch(pattern, log[i][len(prefix):])
+                    if m:
+                        return m, i
+            if self.app.proc.poll() is not None:
+                raise Failure(f"the app ended with status {self.app.proc.returncode} before "
+                              f"{pattern!r}")
+            return None
+        try:
+            return wait_for(find, timeout, f"the app's event {pattern!r}", self.logs)
+        except Failure as failure:
+            raise Failure(f"{failure}\napp log:\n" + "\n".join(self.app.log[-40:]))
+
+    def until(self, what, probe, timeout=10):
+        return wait_for(probe, timeout, what, self.logs)
+
+    def rest_pointer(self, away_from=None):
+        """Puts the pointer on the empty desktop, away from `away_from` (x, y, w, h)."""
+        width, height = self.shell.screen_size()
+        x, y = width // 4, height - 100
+        if away_from and away_from[0] < width // 2:
+            x = width * 3 // 4
+        self.shell.move(x, y)
+        return (x, y)
+
+
+# --- the panel ---------------------------------------------------------------------------------
+
+def panel_report(gnome, since, timeout=10):
+    """Waits for the panel after `since`; returns (where the app put it, {name: (x, y, w, h)}
+    of its named controls, in the app's own coordinates)."""
+    m, at = gnome.event(r"panel shown at (.*)", timeout, since)
+    where = geometry(m.group(1))
+    # The controls follow at once, the Quit button last.
+    gnome.event(r"panel widget quitButton at .*", 3, at)
+    widgets = {}
+    for line in gnome.app.log[at + 1:]:
+        found = re.fullmatch(r"bonkwell-event: panel widget (\S+) at (.*)", line)
+        if found:
+            widgets[found.group(1)] = geometry(found.group(2))
+            if found.group(1) == "quitButton":
+                break
+    return where, widgets
+
+
+def app_windows(gnome, title=None):
+    return [w for w in gnome.shell.windows() if w["pid"] == gnome.app.pid and w["visible"] and
+            (title is None or w["title"] == title)]
+
+
+def panel_window(gnome, exclude=("Bonkwell Settings", "Bonkwell Calibration")):
+    """The panel as the compositor shows it: the app's one visible window that is not Settings
+    or Calibration."""
+    found = [w for w in app_windows(gnome) if w["title"] not in exclude]
+    return found[0] if len(found) == 1 else None
+
+
+def on_screen(rect, where, window):
+    """A control's rectangle from the app's coordinates to the screen's: the app reported the
+    panel at `where`, the compositor shows it at `window`."""
+    x, y, w, h = rect
+    return (x - where[0] + window[0], y - where[1] + window[1], w, h)
+
+
+def measure_texts(gnome, widgets, where, window, shot_path):
+    image = Image.load(shot_path)
+    missing = [n for n in SECONDARY_TEXTS + tuple(CAPTIONS) if n not in widgets]
+    if missing:
+        raise Failure(f"the panel reported no {', '.join(missing)} (has {sorted(widgets)})")
+    measures = [text_contrast(image, on_screen(widgets[n], where, window), n)
+                for n in SECONDARY_TEXTS]
+    for counter, caption in CAPTIONS.items():
+        x, y, w, _ = on_screen(widgets[counter], where, window)
+        measures.append(text_contrast(image, (x, y - CAPTION_HEIGHT, w, CAPTION_HEIGHT),
+                                      f'"{caption}" caption'))
+    return measures
+
+
+# --- with the AppIndicator extension ------------------------------------------------------------
+
+def find_icon(gnome):
+    """Waits for the app's item in the top bar; returns (key, button rect, icon rect)."""
+    gnome.event(r"tray icon shown \(StatusNotifierItem\)", 20)
+    last = []
+
+    bar = gnome.shell.top_bar_height()
+
+    def settled():
+        """The item, once laid out (the bar's full height) and holding still for a few looks
+        (an item coming or leaving moves the others)."""
+        now = gnome.shell.indicator_of(gnome.app.pid)
+        if now is None or now[1]["rect"][3] < bar - 1:
+            last.clear()
+            return None
+        last.append(now)
+        return now if len(last) >= 3 and all(seen == now for seen in last[-3:]) else None
+    key, item = gnome.until("the app's item in the top bar", settled)
+    if item["rect"][1] > bar or item["rect"][1] + item["rect"][3] > bar + 1:
+        raise Failure(f"the item at {fmt_rect(item['rect'])} is not in the top bar (0..{bar})")
+    return Found((key, tuple(item["rect"]), tuple(item["icon"])),
+                 f"item {key} at {fmt_rect(item['rect'])}, its image at {fmt_rect(item['icon'])}")
+
+
+def icon_image(gnome, style):
+    """The extension shows a placeholder ("…") until it has loaded the item's own image; it
+    keeps the placeholder when it cannot (its reasons are in the shell's log)."""
+    def loaded():
+        found = gnome.shell.indicator_of(gnome.app.pid)
+        return found[1]["image"] if found and found[1]["image"] else None
+    try:
+        return "the app's image: " + gnome.until(
+            "the app's image in its item (the extension shows its placeholder)", loaded, 10)
+    except Failure:
+        gnome.shot(f"{style}-placeholder-icon")
+        raise
+
+
+def icon_reads(gnome, icon, style):
+    gnome.rest_pointer()
+    shot = gnome.shot(f"{style}-top-bar")
+    return icon_contrast(Image.load(shot), icon)
+
+
+def open_panel(gnome, button):
+    """Activates the item as a person does with this extension (a double click); returns
+    (the app's panel report, the panel's window)."""
+    since = gnome.mark()
+    gnome.shell.click_centre(button, count=2)
+    where, widgets = panel_report(gnome, since)
+    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
+    return Found((where, widgets, window, since),
+                 f"panel shown, on screen at {fmt_rect(window['rect'])}")
+
+
+def panel_at_icon(window, button, bar_height):
+    rect = tuple(window["rect"])
+    if rect[1] < bar_height - 1:
+        raise Failure(f"the panel at {fmt_rect(rect)} covers the top bar (height {bar_height})")
+    why = opens_at(rect, button)
+    if why:
+        raise Failure(f"the panel opens away from the icon: {why}")
+    # Right under the bar, and across the icon's middle column (the screen's edge may push it
+    # sideways, never off the icon).
+    middle = button[0] + button[2] // 2
+    if not rect[0] <= middle < rect[0] + rect[2]:
+        raise Failure(f"the panel at {fmt_rect(rect)} is not under the icon's middle (x {middle})")
+    return f"panel at {fmt_rect(rect)}, icon at {fmt_rect(button)}"
+
+
+def panel_keeps_size(where, window):
+    """The compositor shows the panel at the size the app laid it out: not stretched, not cut."""
+    if tuple(window["rect"][2:]) != tuple(where[2:]):
+        raise Failure(f"the app laid the panel out {where[2]}x{where[3]}, the screen shows "
+                      f"{window['rect'][2]}x{window['rect'][3]}")
+    return f"{where[2]}x{where[3]}"
+
+
+def panel_focused(gnome, since):
+    gnome.event(r"panel active", 10, since)
+    def focused():
+        window = panel_window(gnome)
+        return window if window and window["focus"] else None
+    try:
+        window = gnome.until("the panel's window taking the keyboard", focused, 10)
+    except Failure as failure:
+        raise Failure(f"{failure}\nthe shell's focus window: {gnome.shell.focus_title()!r}; "
+                      f"the app's windows: {app_windows(gnome)}")
+    return f"the shell's focus window is the panel ({window['title'] or 'untitled'})"
+
+
+def panel_closes(gnome, how, reason):
+    """`how()` closes the panel: the app says why, and the compositor no longer shows it."""
+    since = gnome.mark()
+    how()
+    try:
+        m, _ = gnome.event(r"panel hidden by (\S+)", 10, since)
+    except Failure as failure:
+        raise Failure(f"{failure}\nthe shell's focus window: {gnome.shell.focus_title()!r}; "
+                      f"the panel on screen: {panel_window(gnome)}")
+    if m.group(1) != reason:
+        raise Failure(f"the panel closed ({m.group(1)}), expected {reason}")
+    gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 10)
+    return f"hidden by {reason}; gone from the screen"
+
+
+def settle_closed(gnome):
+    """Closes a panel a failed check left open (Escape, then the window's close), not as a
+    check of its own."""
+    if panel_window(gnome) is None:
+        return
+    since = gnome.mark()
+    gnome.shell.key("Escape")
+    try:
+        gnome.event(r"panel hidden", 5, since)
+    except Failure:
+        gnome.shell.close_window(gnome.app.pid, panel_window(gnome)["title"])
+    gnome.until("the panel's window going", lambda: panel_window(gnome) is None, 10)
+
+
+def open_menu(gnome, key, button):
+    """A single click on the item: the extension draws the app's menu itself (the app's own
+    menu, exported over D-Bus); the shell tells where."""
+    if gnome.shell.indicator_menu(key)["open"]:
+        gnome.shell.key("Escape")  # left open by a failed step
+        gnome.until("the menu closing", lambda: not gnome.shell.indicator_menu(key)["open"], 10)
+    gnome.shell.click_centre(button)
+    def laid_out(menu):
+        rects = [menu["rect"]] + [i["rect"] for i in menu["items"]]
+        ok = menu["open"] and all(isinstance(v, int) for r in rects for v in r)
+        return menu if ok and menu["rect"][2] > 0 else None
+    menu = gnome.until("the item's menu", lambda: laid_out(gnome.shell.indicator_menu(key)), 10)
+    labels = [i["label"] for i in menu["items"] if i["label"]]
+    wanted = ["Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell"]
+    if labels != wanted:
+        raise Failure(f"the menu shows {labels}, expected {wanted}")
+    return menu
+
+
+def menu_at_icon(menu, button):
+    why = opens_at(tuple(menu["rect"]), button)
+    if why:
+        raise Failure(f"the menu opens away from the icon: {why}")
+    return f"menu at {fmt_rect(menu['rect'])}"
+
+
+def choose(gnome, key, button, label, title):
+    """Opens the item's menu, clicks `label`, and waits for the window `title`."""
+    menu = open_menu(gnome, key, button)
+    entry = [i for i in menu["items"] if i["label"] == label][0]
+    since = gnome.mark()
+    gnome.shell.click_centre(entry["rect"])
+    gnome.event(rf"window shown {title}", 10, since)
+    window = gnome.until(f"the {title} window on screen",
+                         lambda: app_windows(gnome, title), 10)[0]
+    gnome.rest_pointer(window["rect"])
+    gnome.shot(title.split()[-1].lower())
+    return f"{title} at {fmt_rect(window['rect'])}"
+
+
+def closes_on_other_window(gnome, button, title):
+    """With the panel open, a click into another window (`title`, already on screen) takes
+    the focus away: the panel closes."""
+    other = app_windows(gnome, title)
+    if not other:
+        raise Failure(f"no {title} window to click into")
+    wx, wy, ww, wh = other[0]["rect"]
+    opened = open_panel(gnome, button)
+    px, py, pw, ph = opened.value[2]["rect"]
+    spots = [(wx + ww // 2, wy + wh // 2), (wx + 20, wy + wh - 20), (wx + ww - 20, wy + wh - 20),
+             (wx + 20, wy + 40), (wx + ww - 20, wy + 40)]
+    free = [(x, y) for x, y in spots if not (px <= x < px + pw and py <= y < py + ph)]
+    if not free:
+        raise Failure(f"the panel at {fmt_rect((px, py, pw, ph))} covers the {title} window")
+    return panel_closes(gnome, lambda: gnome.shell.click(*free[0]), "focus-lost")
+
+
+def open_from_menu(gnome, key, button, bar_height):
+    """"Open Bonkwell" in the menu opens the panel at the icon too; Escape closes it."""
+    menu = open_menu(gnome, key, button)
+    entry = [i for i in menu["items"] if i["label"] == "Open Bonkwell"][0]
+    since = gnome.mark()
+    gnome.shell.click_centre(entry["rect"])
+    panel_report(gnome, since)
+    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
+    where = panel_at_icon(window, button, bar_height)
+    since = gnome.mark()
+    gnome.shell.key("Escape")
+    gnome.event(r"panel hidden", 10, since)
+    return where
+
+
+def quit_from_menu(gnome, key, button):
+    menu = open_menu(gnome, key, button)
+    entry = [i for i in menu["items"] if i["label"] == "Quit Bonkwell"][0]
+    gnome.shell.click_centre(entry["rect"])
+    code = gnome.app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with status {code}")
+    gnome.until("the item leaving the top bar", lambda: key not in gnome.shell.indicators(), 10)
+    return "exit status 0; the item left the top bar"
+
+
+def run_tray(gnome):
+    checks, shell = gnome.checks, gnome.shell
+    bar = shell.top_bar_height()
+    for style in ("light", "dark"):
+        shell.set_style(style)
+        gnome.start_app()
+        found = checks.run(f"icon in the top bar ({style})", find_icon, gnome)
+        if not found:
+            return
+        key, button, icon = found.value
+        if checks.run(f"icon shows the app's image ({style})", icon_image, gnome, style):
+            checks.run(f"icon contrast ({style})", icon_reads, gnome, icon, style)
+        else:
+            checks.skip(f"icon contrast ({style})", "the item shows the extension's placeholder, "
+                        "not the app's image")
+
+        opened = checks.run(f"panel opens on activation ({style})", open_panel, gnome, button)
+        if not opened:
+            return
+        where, widgets, window, since = opened.value
+        if style == "light":
+            checks.run("panel under the top bar at the icon", panel_at_icon, window, button, bar)
+            checks.run("panel keeps its size", panel_keeps_size, where, window)
+            checks.run("panel has keyboard focus", panel_focused, gnome, since)
+        gnome.rest_pointer(window["rect"])
+        shot = gnome.shot(f"{style}-panel")
+        checks.run(f"secondary texts read ({style})", measure_texts, gnome, widgets, where,
+                   tuple(window["rect"]), shot)
+
+        if style == "light":
+            far = gnome.rest_pointer(window["rect"])
+            if not checks.run("panel closes on a click outside", panel_closes, gnome,
+                              lambda: shell.click(*far), "focus-lost"):
+                settle_closed(gnome)  # so that the next checks start from a closed panel
+            if checks.run("panel opens again", open_panel, gnome, button):
+                checks.run("panel closes on Escape", panel_closes, gnome,
+                           lambda: shell.key("Escape"), "escape")
+            if checks.run("panel opens a third time", open_panel, gnome, button):
+                checks.run("panel closes on activating the icon again", panel_closes, gnome,
+                           lambda: shell.click_centre(button, count=2), "icon-click")
+            menu = checks.run("menu opens at the icon", lambda: menu_at_icon(
+                open_menu(gnome, key, button), button))
+            if menu:
+                gnome.shot("menu")
+                shell.key("Escape")
+            checks.run("menu opens Settings", choose, gnome, key, button, "Settings\u2026",
+                       "Bonkwell Settings")
+            checks.run("menu opens Calibration", choose, gnome, key, button, "Calibration\u2026",
+                       "Bonkwell Calibration")
+            if not checks.run("panel closes on a click into another window",
+                              closes_on_other_window, gnome, button, "Bonkwell Calibration"):
+                settle_closed(gnome)
+            checks.run("menu's Open Bonkwell opens the panel at the icon", open_from_menu, gnome,
+                       key, button, bar)
+        else:
+            shell.key("Escape")  # and Quit below ends the app with or without the panel
+        if not checks.run(f"Quit ends the app with status 0 ({style})", quit_from_menu, gnome,
+                          key, button):
+            return
+
+
+# --- stock GNOME --------------------------------------------------------------------------------
+
+def fallback_window(gnome):
+    app = gnome.app
+    event_at, _ = gnome.until("the Bonkwell window", lambda: _shown_at(app), MAX_FALLBACK_S + 2)
+    elapsed = event_at - app.started
+    window = gnome.until("the Bonkwell window on screen",
+                         lambda: app_windows(gnome, "Bonkwell"), 2)[0]
+    on_screen_after = time.monotonic() - app.started
+    if elapsed > MAX_FALLBACK_S:
+        raise Failure(f"the window came {elapsed:.1f} s after start (at most {MAX_FALLBACK_S} s)")
+    return Found(window, f"window shown {elapsed:.2f} s after start, on screen by "
+                         f"{on_screen_after:.2f} s")
+
+
+def _shown_at(app):
+    for at, event in app.events.queue:
+        if event == "window shown Bonkwell":
+            return at, event
+    if app.proc.poll() is not None:
+        raise Failure(f"the app ended with status {app.proc.returncode}")
+    return None
+
+
+def window_buttons(app):
+    """{name: rect} of the fallback window's named buttons, from the app's window watch."""
+    buttons = {}
+    for _, event in list(app.events.queue):
+        parts = event.split(" ")
+        if len(parts) == 5 and parts[0] == "widget" and parts[2] == "at":
+            buttons[parts[1].split("/", 1)[-1]] = geometry(" ".join(parts[3:]))
+    return buttons
+
+
+def run_stock(gnome):
+    """As a Wayland client, then as an X11 client: the window within 3 s; the Wayland one is
+    closed from its title bar, the X11 one with its Quit button (an X11 client reports where
+    its controls are on screen; a Wayland client only knows its own surface)."""
+    checks = gnome.checks
+    for client in ("wayland", "x11"):
+        gnome.start_app(client)
+        shown = checks.run(f"window within {MAX_FALLBACK_S:.0f} s, no tray ({client})",
+                           fallback_window, gnome)
+        if not shown:
+            return
+        window = shown.value
+        gnome.rest_pointer(window["rect"])
+        gnome.shot(f"{client}-window")
+
+        def close_window():
+            gnome.shell.close_window(gnome.app.pid, "Bonkwell")
+            return "closed from the title bar; " + exited_0(gnome)
+
+        def quit_button():
+            buttons = gnome.until("the window's Quit button",
+                                  lambda: window_buttons(gnome.app).get("quitButton"), 5)
+            gnome.shell.click_centre(buttons)
+            return f"clicked Quit at {fmt_rect(buttons)}; " + exited_0(gnome)
+        if client == "wayland":
+            checks.run("closing the window ends the app with status 0 (wayland)", close_window)
+        else:
+            checks.run("Quit ends the app with status 0 (x11)", quit_button)
+
+    # The user turns the AppIndicator extension on while the app runs: the icon comes, the
+    # window goes, without a restart.
+    gnome.start_app("wayland")
+    if checks.run("window within 3 s, before a tray comes", fallback_window, gnome):
+        checks.run("a tray turned on later takes the icon, the window goes", tray_comes_later,
+                   gnome)
+
+
+def tray_comes_later(gnome):
+    since = gnome.mark()
+    gnome.shell.enable_extension(INDICATOR_EXTENSION)
+    gnome.event(r"tray icon shown \(StatusNotifierItem\)", 20, since)
+    gnome.event(r"window hidden Bonkwell", 10, since)
+    key, item = gnome.until("the app's item in the top bar",
+                            lambda: gnome.shell.indicator_of(gnome.app.pid), 10)
+    gnome.until("the Bonkwell window going", lambda: not app_windows(gnome, "Bonkwell"), 10)
+    gnome.rest_pointer()
+    gnome.shot("tray-later")
+    return f"item at {fmt_rect(item['rect'])}; the window is gone"
+
+
+def exited_0(gnome):
+    code = gnome.app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with status {code}")
+    return "exit status 0"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--tray", required=True, choices=["appindicator", "none"])
+    parser.add_argument("--client", default="wayland", choices=["wayland", "x11"])
+    parser.add_argument("--shots", required=True)
+    args = parser.parse_args()
+    desktop = (f"gnome-appindicator-{args.client}" if args.tray == "appindicator"
+               else "gnome-stock")
+    gnome = None
+    try:
+        gnome = Gnome(args, desktop)
+        (run_tray if args.tray == "appindicator" else run_stock)(gnome)
+        gnome.checks.finish()
+    except Failure as failure:
+        print(f"FAILED: {failure}", file=sys.stderr)
+        if gnome and gnome.app:
+            print("app log:\n" + "\n".join(gnome.app.log[-60:]), file=sys.stderr)
+        return 1
+    finally:
+        if gnome and gnome.app:
+            gnome.app.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

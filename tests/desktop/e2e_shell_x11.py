@@ -1,0 +1,408 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+"""The tray item on a real X11 desktop shell (KDE Plasma, XFCE), driven like a person would:
+run inside shells/kde.sh or shells/xfce.sh.
+
+  e2e_shell_x11.py --app BIN --shots DIR
+
+Checks, each passed or failed in a table at the end: the icon appears in the shell's own
+tray and stands out from the panel (3:1); a left click on it opens the panel at the icon,
+with the keyboard; Escape and a click elsewhere close it; the secondary texts of the panel
+read against it (4.5:1); a right click opens the menu at the icon, whose entries open Settings
+and Calibration; "Quit Bonkwell" ends the app with status 0.
+"""
+import argparse
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from checks import (Checks, Image, ShellLogs, changed_columns, pad, dominant_colour, fmt_rect,  # noqa: E402
+                    icon_contrast, opens_at, text_contrast, text_rows, wait_event, wait_for, skip_events,
+                    contrast_ratio)
+from desktop_driver import (App, Failure, click, click_centre, find_windows, geometry,  # noqa: E402
+                            keys, run, screenshot)
+from e2e_tray import icon_rect as xembed_icon_rect  # noqa: E402
+
+SECONDARY_TEXTS = ("sensitivityValue", "sensitivityHint", "volumeValue", "engineStatusLabel")
+CAPTIONS = {"todayCount": "Today", "totalCount": "Total"}
+
+
+def panel_strip():
+    """The shell's panel: the part of the screen outside the work area (x, y, w, h)."""
+    out = run("xprop", "-root", "_NET_WORKAREA")
+    if "=" not in out:
+        raise Failure(f"the shell set no work area: {out.strip()}")
+    values = out.split("=")[-1].split(",")
+    x, y, w, h = (int(v) for v in values[:4])
+    size = run("xdpyinfo").split("dimensions:")[1].split()[0]
+    sw, sh = (int(v) for v in size.split("x"))
+    if y > 0:
+        return (0, 0, sw, y)
+    if y + h < sh:
+        return (0, y + h, sw, sh - y - h)
+    if x > 0:
+        return (0, 0, x, sh)
+    if x + w < sw:
+        return (x + w, 0, sw - x - w, sh)
+    raise Failure(f"no panel reserves screen space (work area {x},{y} {w}x{h})")
+
+
+def viewable_windows():
+    """{id: (x, y, w, h)} of the mapped top-level windows."""
+    out = run("xwininfo", "-root", "-children")
+    found = {}
+    for line in out.splitlines():
+        line = line.strip()
+        if not line.startswith("0x"):
+            continue
+        wid = line.split()[0]
+        info = run("xwininfo", "-id", wid, check=False)
+        if "IsViewable" not in info:
+            continue
+        values = {}
+        for row in info.splitlines():
+            row = row.strip()
+            for key in ("Absolute upper-left X:", "Absolute upper-left Y:", "Width:", "Height:"):
+                if row.startswith(key):
+                    values[key] = int(row.split(":")[1])
+        if len(values) == 4 and values["Width:"] > 1 and values["Height:"] > 1:
+            found[wid] = (values["Absolute upper-left X:"], values["Absolute upper-left Y:"],
+                          values["Width:"], values["Height:"])
+    return found
+
+
+class Session:
+    def __init__(self, args):
+        self.args = args
+        self.desktop = f"{os.environ['BONKWELL_SHELL']}-{os.environ['BONKWELL_THEME']}"
+        if os.environ.get("BONKWELL_TRAY"):
+            self.desktop += f"-{os.environ['BONKWELL_TRAY']}"
+        self.logs = ShellLogs(os.environ["BONKWELL_SHELL_LOGS"])
+        self.checks = Checks(self.desktop)
+        self.shots = args.shots
+
+    def shot(self, name):
+        path = os.path.join(self.shots, f"{self.desktop}-{name}.png")
+        screenshot(path)
+        return path
+
+
+def find_sni_icon(session, strip, before):
+    """Where a host drawing the icon itself put it: what changed in the panel since the app
+    started, once it stops changing, on a spot that was bare panel before (a clock that
+    ticked meanwhile changed where digits already were)."""
+    limit = strip[3] * 2
+
+    def bare_before(rect):
+        pixels = before.pixels(rect)
+        common = dominant_colour(pixels)
+        return sum(1 for p in pixels if p == common) >= 0.9 * len(pixels)
+
+    def settled():
+        first = Image.load(session.shot("icon-probe"))
+        time.sleep(0.4)
+        second = Image.load(session.shot("icon-probe"))
+        if changed_columns(first, second, strip):
+            return None
+        runs = [r for r in changed_columns(before, second, strip)
+                if 6 <= r[2] <= limit and r[3] >= 6 and bare_before(r)]
+        return (runs, second) if runs else None
+
+    runs, after = wait_for(settled, 15, "the icon drawn in the panel", session.logs, interval=0.2)
+    os.remove(os.path.join(session.shots, f"{session.desktop}-icon-probe.png"))
+    if len(runs) > 1:
+        raise Failure("more than one new item in the panel: " + ", ".join(fmt_rect(r) for r in runs))
+    return pad(runs[0], 2, strip), after
+
+
+def run_checks(session, app, host, before, strip):
+    checks = session.checks
+    logs = session.logs
+
+    def icon_appears():
+        wait_event(app, rf"tray icon shown \({host}\)", 30, logs)
+        if host == "XEmbed":
+            rect = xembed_icon_rect(app)
+            time.sleep(0.5)
+            return rect, Image.load(session.shot("icon"))
+        rect, image = find_sni_icon(session, strip, before)
+        session.shot("icon")
+        return rect, image
+
+    found = checks.run("icon appears", lambda: _described(icon_appears()))
+    if not found:
+        for name in ("icon contrast", "panel opens on click", "panel at icon", "panel focused",
+                     "secondary texts", "closes on Escape", "closes on click outside",
+                     "closes on icon click", "menu at icon", "menu opens Settings", "menu opens Calibration", "quit"):
+            checks.skip(name, "no icon")
+        return
+    icon, image = found
+    print(f"icon at {fmt_rect(icon)}")
+    checks.run("icon contrast", icon_contrast, image, icon)
+
+    shown = {}
+
+    def open_panel():
+        click_centre(icon, 1)
+        m = wait_event(app, r"panel shown at (.*)", 10, logs)
+        shown["at"] = app.last_event
+        return geometry(m.group(1))
+
+    def panel_widgets():
+        widgets = {}
+        while True:
+            try:
+                m = wait_event(app, r"panel widget (\S+) at (.*)", 1)
+            except Failure:
+                return widgets
+            widgets[m.group(1)] = geometry(m.group(2))
+            if SECONDARY_TEXTS[0] in widgets and all(k in widgets for k in SECONDARY_TEXTS) \
+                    and all(k in widgets for k in CAPTIONS) and "quitButton" in widgets:
+                return widgets
+
+    panel = checks.run("panel opens on click", open_panel)
+    if panel:
+        checks.run("panel at icon", lambda: _no_reason(opens_at(panel, icon)) or fmt_rect(panel))
+        widgets = panel_widgets()
+        checks.run("panel focused", lambda: wait_event(app, r"panel active", 5, logs, since=shown["at"])
+                   and "panel active")
+        time.sleep(0.3)
+        shot = Image.load(session.shot("panel"))
+        checks.run("secondary texts", secondary_texts, shot, widgets)
+        keys("Escape")
+        checks.run("closes on Escape", closed, app, logs, "escape", panel)
+    else:
+        for name in ("panel at icon", "panel focused", "secondary texts", "closes on Escape"):
+            checks.skip(name, "the panel did not open")
+
+    def close_by_click_outside():
+        if not checks.passed("panel opens on click"):
+            raise Failure("the panel did not open")
+        skip_events(app)
+        time.sleep(0.5)
+        click_centre(icon, 1)
+        m = wait_event(app, r"panel shown at (.*)", 10, logs)
+        rect = geometry(m.group(1))
+        time.sleep(0.3)
+        # Somewhere on the desktop, away from the panel and the tray.
+        click(40 if rect[0] > 300 else 1200, 500)
+        return closed(app, logs, "focus-lost", rect)
+
+    checks.run("closes on click outside", close_by_click_outside)
+
+    def close_by_icon_click():
+        if not checks.passed("panel opens on click"):
+            raise Failure("the panel did not open")
+        skip_events(app)
+        time.sleep(0.4)
+        click_centre(icon, 1)
+        m = wait_event(app, r"panel shown at (.*)", 10, logs)
+        rect = geometry(m.group(1))
+        time.sleep(0.4)
+        click_centre(icon, 1)
+        # A popup that holds the pointer swallows that click: the tray never hears of it, and
+        # to the app it is a click elsewhere. Either way it must close and stay closed.
+        said = closed(app, logs, ("icon-click", "focus-lost"), rect)
+        try:
+            wait_event(app, r"panel shown at .*", 1)
+        except Failure:
+            return said
+        raise Failure("the click on the icon closed the panel and opened it again")
+
+    checks.run("closes on icon click", close_by_icon_click)
+
+    checks.run("menu at icon", menu_places, session, icon)
+    for label, title in (("Settings", "Bonkwell Settings"), ("Calibration", "Bonkwell Calibration")):
+        checks.run(f"menu opens {label}", menu_entry, session, app, icon, f"{label}\u2026", title)
+    if os.environ["BONKWELL_SHELL"] == "kde":
+        checks.run("icon follows theme change", follow_theme, session, icon, image)
+    checks.run("quit", quit_from_menu, session, app, icon)
+
+
+class _described(tuple):
+    """(icon rectangle, screenshot) that prints as the rectangle."""
+
+    def describe(self):
+        return f"icon at {fmt_rect(self[0])}"
+
+
+def _no_reason(reason):
+    if reason:
+        raise Failure(reason)
+    return None
+
+
+def closed(app, logs, reason, rect=None):
+    wait_event(app, r"panel hidden", 5, logs)
+    try:
+        said = wait_event(app, r"panel hidden by (\S+)", 2).group(1)
+    except Failure:
+        said = "(no reason given)"
+    reasons = reason if isinstance(reason, tuple) else (reason,)
+    if said not in reasons:
+        raise Failure(f"the panel closed, but by {said}, not by {' or '.join(reasons)}")
+    if rect is not None and rect in viewable_windows().values():
+        raise Failure(f"the panel said it hid but is still on screen at {fmt_rect(rect)}")
+    return f"hidden by {said}"
+
+
+def secondary_texts(shot, widgets):
+    measures = []
+    for name in SECONDARY_TEXTS:
+        if name not in widgets:
+            raise Failure(f"the panel reported no {name}: {sorted(widgets)}")
+        measures.append(text_contrast(shot, widgets[name], name))
+    for value, caption in CAPTIONS.items():
+        if value not in widgets:
+            raise Failure(f"the panel reported no {value}")
+        x, y, w, _ = widgets[value]
+        # The caption sits right above its counter, one caption line high.
+        measures.append(text_contrast(shot, (x, y - 15, w, 15), f"\"{caption}\" caption"))
+    return measures
+
+
+def open_menu(session, icon):
+    """Right-clicks the icon; returns the menu window's rectangle (a new top-level window)."""
+    before = viewable_windows()
+    click_centre(icon, 3)
+
+    def menu_window():
+        new = {w: r for w, r in viewable_windows().items() if w not in before}
+        candidates = [r for r in new.values() if r[2] >= 60 and r[3] >= 40]
+        return candidates[0] if candidates else None
+
+    return wait_for(menu_window, 5, "a menu window after a right click on the icon", session.logs)
+
+
+KDE_THEMES = {"light": ("default", "BreezeLight"), "dark": ("breeze-dark", "BreezeDark")}
+
+
+def follow_theme(session, icon, image):
+    """Switches the running session to the other Breeze (as System Settings does) and waits
+    for the panel to change; the icon must still stand out from it."""
+    other = "light" if os.environ["BONKWELL_THEME"] == "dark" else "dark"
+    plasma_theme, colours = KDE_THEMES[other]
+    env = dict(os.environ, QT_QPA_PLATFORM="offscreen")
+    for command in (["plasma-apply-desktoptheme", plasma_theme], ["plasma-apply-colorscheme", colours]):
+        result = subprocess.run(command, capture_output=True, text=True, env=env, timeout=30)
+        if result.returncode != 0:
+            raise Failure(f"{' '.join(command)}: {result.stderr.strip() or result.stdout.strip()}")
+    behind = icon_contrast(image, icon).back
+
+    def repainted():
+        shot = Image.load(session.shot(f"icon-{other}"))
+        measure = icon_contrast(shot, icon)
+        return measure if contrast_ratio(measure.back, behind) > 1.5 else None
+
+    first = wait_for(repainted, 20, f"the panel to turn {other}", session.logs, interval=0.3)
+    # The app may take a moment longer than the panel to draw its new icon.
+    deadline = time.monotonic() + 5
+    measure = first
+    while not measure.ok and time.monotonic() < deadline:
+        time.sleep(0.3)
+        measure = icon_contrast(Image.load(session.shot(f"icon-{other}")), icon)
+    measure.what = f"after switching to {other}: {measure.what}"
+    return measure
+
+
+MENU_OPENS = 6
+
+
+def menu_places(session, icon):
+    """Opens the menu several times (a menu that opens away from the icon only now and then
+    is still wrong); each must open at the icon."""
+    places = []
+    for n in range(MENU_OPENS):
+        menu = open_menu(session, icon)
+        time.sleep(0.3)
+        if n == 0:
+            session.shot("menu")
+        places.append(menu)
+        if opens_at(menu, icon):
+            session.shot("menu-away")
+        keys("Escape")
+        wait_for(lambda: menu not in viewable_windows().values(), 5, "the menu to close on Escape",
+                 session.logs)
+        time.sleep(0.2)
+    far = [reason for reason in (opens_at(m, icon) for m in places) if reason]
+    if far:
+        raise Failure(f"{len(far)} of {MENU_OPENS} menus opened away from the icon: " + "; ".join(far))
+    return f"{MENU_OPENS} of {MENU_OPENS} at the icon: " + ", ".join(fmt_rect(m) for m in sorted(set(places)))
+
+
+MENU = ("Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell")
+
+
+def click_menu_entry(session, icon, label):
+    """Opens the menu and clicks `label` with the pointer: the menu's lines of text are its
+    entries, in order."""
+    menu = open_menu(session, icon)
+    time.sleep(0.4)
+    path = session.shot("menu-probe")
+    rows = text_rows(Image.load(path), menu)
+    os.remove(path)
+    if len(rows) != len(MENU):
+        raise Failure(f"the menu at {fmt_rect(menu)} shows {len(rows)} lines, not the "
+                      f"{len(MENU)} entries {MENU}")
+    top, bottom = rows[MENU.index(label)]
+    click(menu[0] + min(70, menu[2] // 3), (top + bottom) // 2)
+
+
+def menu_entry(session, app, icon, label, title):
+    click_menu_entry(session, icon, label)
+    wait_event(app, rf"window shown {title}", 10, session.logs)
+    wait_for(lambda: find_windows(title), 10, f"a window titled {title!r}", session.logs)
+    time.sleep(0.4)
+    session.shot(title.split()[-1].lower())
+    run("wmctrl", "-c", title)
+    wait_for(lambda: not find_windows(title), 10, f"{title} to close", session.logs)
+    return f"{title} opened"
+
+
+def quit_from_menu(session, app, icon):
+    click_menu_entry(session, icon, "Quit Bonkwell")
+    code = app.wait_exit(15)
+    if code != 0:
+        raise Failure(f"the app exited with {code}")
+    return "exit status 0"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--shots", required=True)
+    args = parser.parse_args()
+    os.makedirs(args.shots, exist_ok=True)
+    session = Session(args)
+    tray = os.environ.get("BONKWELL_TRAY", "sni")
+    host = "XEmbed" if tray == "xembed" else "StatusNotifierItem"
+
+    strip = panel_strip()
+    print(f"{session.desktop}: panel at {fmt_rect(strip)}")
+    before = Image.load(session.shot("desktop"))
+
+    home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
+    # The app reads the session's own settings (colours, theme), as it would when a user starts it.
+    env = {"XDG_CONFIG_HOME": os.environ["XDG_CONFIG_HOME"],
+           "XDG_DATA_HOME": os.environ["XDG_DATA_HOME"]}
+    if tray == "xembed":
+        env["DBUS_SESSION_BUS_ADDRESS"] = os.environ["BONKWELL_APP_BUS"]
+    app = App(args.app, home, extra_env=env)
+    try:
+        run_checks(session, app, host, before, strip)
+        session.checks.finish()
+    except Failure as failure:
+        print(f"FAILED: {failure}", file=sys.stderr)
+        print("app log:\n" + "\n".join(app.log[-40:]), file=sys.stderr)
+        print("shell log:\n" + session.logs.tail(), file=sys.stderr)
+        return 1
+    finally:
+        app.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
