@@ -125,8 +125,19 @@ def run_checks(session, app, host, before, strip):
     def icon_appears():
         wait_event(app, rf"tray icon shown \({host}\)", 30, logs)
         if host == "XEmbed":
-            rect = xembed_icon_rect(app)
-            time.sleep(0.5)
+            # The tray docks the icon's window, then lays it out: wait until it sits still
+            # inside the panel.
+            last = {}
+
+            def placed():
+                rect = xembed_icon_rect(app)
+                inside = pad(rect, 0, strip) == rect
+                still = last.get("rect") == rect
+                last["rect"] = rect
+                return rect if inside and still else None
+
+            rect = wait_for(placed, 15, "the icon's window to settle in the panel", logs, interval=0.3)
+            time.sleep(0.3)
             return rect, Image.load(session.shot("icon"))
         rect, image = find_sni_icon(session, strip, before)
         session.shot("icon")
