@@ -79,12 +79,39 @@ def expect_window_icon(title):
         raise Failure(f"the window {title!r} has no icon: {icon.strip()[:200]}")
 
 
+PIXBUF_CHECK = """
+import sys, gi
+gi.require_version("GdkPixbuf", "2.0")
+from gi.repository import GdkPixbuf
+pixbuf = GdkPixbuf.Pixbuf.new_from_file_at_size(sys.argv[1], 16, 16)
+print(f"{pixbuf.get_width()}x{pixbuf.get_height()}")
+"""
+
+
 def tray_lightness(icon):
     """The lightness (0 to 1) of the tray just inside the icon's corner, on a screenshot."""
     x, y, _, _ = icon
     out = run("import", "-window", "root", "-crop", f"1x1+{x + 1}+{y + 1}", "-format",
               "%[fx:lightness]", "info:", timeout=30)
     return float(out.strip())
+
+
+def expect_new_icon_on_colour_change(item):
+    """KDE's colour scheme signal makes the item announce its icon again (NewIcon), so the
+    panel draws the symbolic icon in its new colour."""
+    monitor = subprocess.Popen(["dbus-monitor", "--session",
+                                f"type='signal',sender='{item.service}',member='NewIcon'"],
+                               stdout=subprocess.PIPE, text=True)
+    try:
+        time.sleep(0.5)  # the monitor's match rule is in place
+        run("gdbus", "emit", "--session", "--object-path", "/KGlobalSettings", "--signal",
+            "org.kde.KGlobalSettings.notifyChange", "0", "0")
+        time.sleep(1)
+    finally:
+        monitor.terminate()
+    if "member=NewIcon" not in monitor.communicate(timeout=10)[0]:
+        raise Failure("the tray item did not announce a new icon after a colour scheme change")
+    print("a colour scheme change makes the item announce its icon again")
 
 
 def check_icon_variant(app, item, icon=None):
@@ -112,6 +139,14 @@ def check_icon_variant(app, item, icon=None):
         svg = "hicolor/symbolic/apps/com.bonkwell.Bonkwell-symbolic.svg"
         if not m or not os.path.exists(os.path.join(m.group(1), svg)):
             raise Failure(f"the tray item's icon theme path has no {svg}: {out.strip()}")
+        # GTK panels (GNOME's extension, XFCE) load it through gdk-pixbuf, which must
+        # recognise it as an SVG.
+        loaded = run("/usr/bin/python3", "-c", PIXBUF_CHECK, os.path.join(m.group(1), svg),
+                     check=False)
+        if loaded.strip() != "16x16":
+            raise Failure(f"gdk-pixbuf cannot load the symbolic icon: {loaded.strip()!r}")
+        print("the symbolic icon loads as a GTK panel loads it")
+        expect_new_icon_on_colour_change(item)
 
 
 def run_tray(args, app):
@@ -138,6 +173,9 @@ def drive_tray(args, app):
         item = StatusNotifierItem(os.environ["BONKWELL_SNI_LOG"])
         left_click = lambda: item.call("Activate", 640, 12)  # noqa: E731
     check_icon_variant(app, item, icon)
+    skipped = [line for line in app.log if "Skipped method" in line or "Unregistered" in line]
+    if skipped:
+        raise Failure(f"the app's D-Bus interfaces lack methods: {skipped}")
 
     # The panel opens on a left click and takes the keyboard.
     left_click()
@@ -189,8 +227,14 @@ def drive_tray(args, app):
             time.sleep(0.3)
             steps = {"Settings\u2026": ["Down", "Down"], "Calibration\u2026": ["Down", "Down", "Down"]}[label]
             keys(*steps, "Return")
-        else:
+        elif label == "Settings\u2026":
             item.click_menu(label)
+        else:
+            # As libdbusmenu (XFCE's tray) sends a click: in a group of events.
+            item_id = next(i for i, text in item.menu_items() if text == label)
+            run("gdbus", "call", "--session", "--dest", item.service, "--object-path",
+                item.menu_path(), "--method", "com.canonical.dbusmenu.EventGroup",
+                f"[({item_id}, 'clicked', <0>, uint32 0)]")
         app.wait_event(rf"window shown {title}", 10)
         wait_window(title)
         expect_window_icon(title)

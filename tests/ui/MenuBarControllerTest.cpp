@@ -92,7 +92,7 @@ TEST_F(MenuBarTest, ALeftClickTogglesThePanel) {
     EXPECT_EQ(menuBar->panel()->width(), PopoverView::kWidth);
     menuBar->handleActivation(QSystemTrayIcon::Trigger);
     EXPECT_FALSE(menuBar->panelShown());
-    QTest::qWait(300);  // a later click opens it again
+    QTest::qWait(500);  // a later click opens it again
     menuBar->handleActivation(QSystemTrayIcon::Trigger);
     EXPECT_TRUE(menuBar->panelShown());
 }
@@ -194,7 +194,7 @@ TEST_F(MenuBarTest, ThePanelReReadsTheInstallStateWhenShown) {
     EXPECT_TRUE(install->isVisible());
     menuBar->togglePopover();
     engine.state = InstallState::installed;
-    QTest::qWait(300);
+    QTest::qWait(500);
     menuBar->togglePopover();
     EXPECT_FALSE(install->isVisible());
 }

@@ -107,7 +107,7 @@ TEST_F(PanelHostTest, TheWindowStyleClosesWhenAnotherWindowTakesTheFocus) {
         other.show();
         other.activateWindow();
         (void)QTest::qWaitFor([&] { return !host.isShown(); }, 2000);
-        QTest::qWait(400);  // the reason is told once the click cannot be an icon click
+        QTest::qWait(600);  // the reason is told once the click cannot be an icon click
     });
     EXPECT_FALSE(host.isShown());
     EXPECT_TRUE(has(out, "panel hidden by focus-lost")) << out;
@@ -120,7 +120,7 @@ TEST_F(PanelHostTest, ThePopupClosedByTheClickOnTheIconSaysSo) {
     const std::string out = stderrOf([&] {
         host.window()->close();  // a click outside the popup: on the tray icon, it turns out
         EXPECT_TRUE(host.justHidden(PanelHost::HideReason::iconClick));
-        QTest::qWait(400);
+        QTest::qWait(600);
     });
     EXPECT_TRUE(has(out, "panel hidden by icon-click")) << out;
     EXPECT_FALSE(has(out, "panel hidden by focus-lost")) << out;
@@ -188,6 +188,15 @@ TEST_F(PanelPlacementTest, TheIconClickThatClosesThePanelIsToldAsSuch) {
     ASSERT_TRUE(menuBar.panelShown());
     const std::string out = stderrOf([&] { menuBar.togglePopover(); });
     EXPECT_TRUE(has(out, "panel hidden by icon-click")) << out;
+}
+
+TEST_F(PanelPlacementTest, AClickRightAfterEscapeOpensThePanelAgain) {
+    menuBar.togglePopover();
+    ASSERT_TRUE(menuBar.panelShown());
+    QTest::keyClick(menuBar.panel(), Qt::Key_Escape);
+    ASSERT_FALSE(menuBar.panelShown());
+    menuBar.handleActivation(QSystemTrayIcon::Trigger);  // not the click that closed it
+    EXPECT_TRUE(menuBar.panelShown());
 }
 
 TEST_F(PanelPlacementTest, OpenBonkwellWhileOpenClosesItByTheMenu) {

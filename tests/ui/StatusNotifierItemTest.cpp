@@ -121,6 +121,17 @@ TEST_F(StatusNotifierItemTest, AHostsActivationTokenIsThereWhileThePanelOpensAnd
     EXPECT_FALSE(qEnvironmentVariableIsSet("XDG_ACTIVATION_TOKEN"));
 }
 
+TEST_F(StatusNotifierItemTest, AMenuEntryClickedWithATokenOpensItsWindowWithIt) {
+    QStringList seen;
+    QObject::connect(&menu, &QMenu::triggered, &menu,
+                     [&](QAction*) { seen.append(qEnvironmentVariable("XDG_ACTIVATION_TOKEN")); });
+    itemAdaptor->ProvideXdgActivationToken(QStringLiteral("gnome-shell/token-3"));
+    menuAdaptor->Event(3, QStringLiteral("clicked"), QDBusVariant(0), 0);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return seen.size() == 1; }, 2000));
+    EXPECT_EQ(seen, QStringList{"gnome-shell/token-3"});
+    EXPECT_FALSE(qEnvironmentVariableIsSet("XDG_ACTIVATION_TOKEN"));
+}
+
 TEST_F(StatusNotifierItemTest, TheIconGoesByItsSymbolicNameWithPixelsForOtherHosts) {
     item.setIcon(trayicon::makeIcon(trayicon::Variant::dark));
     EXPECT_EQ(itemAdaptor->iconName(), "com.bonkwell.Bonkwell-symbolic");

@@ -20,6 +20,11 @@ void registerTypes() {
         qDBusRegisterMetaType<MenuItemKeysList>();
         qDBusRegisterMetaType<MenuEvent>();
         qDBusRegisterMetaType<MenuEventList>();
+        // The adaptors' signatures name the lists by these aliases.
+        qRegisterMetaType<IconPixmapList>("bonkwell::dbustray::IconPixmapList");
+        qRegisterMetaType<MenuItemList>("bonkwell::dbustray::MenuItemList");
+        qRegisterMetaType<MenuItemKeysList>("bonkwell::dbustray::MenuItemKeysList");
+        qRegisterMetaType<MenuEventList>("bonkwell::dbustray::MenuEventList");
         return true;
     }();
     (void)done;

@@ -16,7 +16,7 @@ namespace {
 
 // A click outside the open panel closes it before the tray (or the menu) sees that click; a
 // trigger this soon behind the closing is the same click.
-constexpr qint64 kSameClickMs = 250;
+constexpr qint64 kSameClickMs = 400;
 // How long a loss of focus must last before it closes the panel.
 constexpr int kFocusSettleMs = 200;
 
@@ -171,12 +171,12 @@ void PanelHost::hide(HideReason reason) {
 }
 
 bool PanelHost::justHidden(HideReason reason) {
-    if (window_->isVisible() || nowMs() - hiddenAtMs_ >= kSameClickMs) {
+    // Only a hiding nobody asked for (a click elsewhere) can be that click; Escape or a
+    // toggle is not.
+    if (window_->isVisible() || !pendingReason_ || nowMs() - hiddenAtMs_ >= kSameClickMs) {
         return false;
     }
-    if (pendingReason_) {
-        pendingReason_ = reason;
-    }
+    pendingReason_ = reason;
     return true;
 }
 

@@ -51,8 +51,9 @@ class PanelHost : public QObject {
     void hide(HideReason reason);
 
     // A click on the tray icon, or the menu opening, right after the panel went away by itself:
-    // that click is what closed it. True when the panel was hidden within the last moment, and
-    // then the reason reported for that hiding becomes `reason`.
+    // that click is what closed it. True when the panel closed by itself (not by Escape or a
+    // toggle) within the last moment, and then the reason reported for that hiding becomes
+    // `reason`.
     bool justHidden(HideReason reason);
 
   private:

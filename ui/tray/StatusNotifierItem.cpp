@@ -73,13 +73,7 @@ void StatusNotifierItemAdaptor::Activate(int x, int y) {
     const std::optional<QPoint> at =
         x != 0 || y != 0 ? std::optional<QPoint>(QPoint(x, y)) : std::nullopt;
     QTimer::singleShot(0, item_, [item = item_, at] {
-        // Qt hands the token to the compositor when the panel asks to be activated.
-        const QString token = std::exchange(item->activationToken_, QString());
-        if (!token.isEmpty()) {
-            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
-        }
-        item->activated(QSystemTrayIcon::Trigger, at);
-        qunsetenv("XDG_ACTIVATION_TOKEN");
+        item->withActivationToken([item, at] { item->activated(QSystemTrayIcon::Trigger, at); });
     });
 }
 
@@ -105,6 +99,12 @@ void StatusNotifierItemAdaptor::ContextMenu(int x, int y) {
 }
 
 void StatusNotifierItemAdaptor::Scroll(int, const QString&) {}
+
+void StatusNotifierItemAdaptor::desktopColorsChanged() {
+    if (item_->shown_) {
+        emit NewIcon();
+    }
+}
 
 // --- com.canonical.dbusmenu
 
@@ -144,7 +144,8 @@ void DBusMenuAdaptor::Event(int id, const QString& eventId, const QDBusVariant&,
         // After the reply: the action may end the app.
         QTimer::singleShot(0, item_, [item = item_, id] {
             if (QAction* action = item->action(id)) {
-                action->trigger();
+                // A window the entry opens may take the keyboard with the host's token.
+                item->withActivationToken([action] { action->trigger(); });
             }
         });
     } else if (eventId == QLatin1String("opened") && id == kRootId && item_->menu_ != nullptr) {
@@ -242,6 +243,10 @@ bool StatusNotifierItem::show() {
     }
     shown_ = true;
     registerWithWatcher();
+    // KDE announces a new colour scheme to every app this way.
+    bus_.connect(QString(), QStringLiteral("/KGlobalSettings"),
+                 QStringLiteral("org.kde.KGlobalSettings"), QStringLiteral("notifyChange"),
+                 itemAdaptor_, SLOT(desktopColorsChanged()));
     // A panel that restarts (or a watcher that comes back) learns of the item again.
     if (watcherWatch_ == nullptr) {
         watcherWatch_ = new QDBusServiceWatcher(kWatcher, bus_,
@@ -269,9 +274,22 @@ void StatusNotifierItem::hide() {
         return;
     }
     shown_ = false;
+    bus_.disconnect(QString(), QStringLiteral("/KGlobalSettings"),
+                    QStringLiteral("org.kde.KGlobalSettings"), QStringLiteral("notifyChange"),
+                    itemAdaptor_, SLOT(desktopColorsChanged()));
     bus_.unregisterService(serviceName_);
     bus_.unregisterObject(kMenuPath);
     bus_.unregisterObject(kItemPath);
+}
+
+void StatusNotifierItem::withActivationToken(const std::function<void()>& what) {
+    // Qt hands the token to the compositor when a window asks to be activated; it serves once.
+    const QString token = std::exchange(activationToken_, QString());
+    if (!token.isEmpty()) {
+        qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+    }
+    what();
+    qunsetenv("XDG_ACTIVATION_TOKEN");
 }
 
 QAction* StatusNotifierItem::action(int id) const {

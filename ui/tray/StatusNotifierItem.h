@@ -13,6 +13,8 @@
 #include <QDBusObjectPath>
 #include <QPointer>
 
+#include <functional>
+
 class QAction;
 class QDBusServiceWatcher;
 
@@ -63,8 +65,9 @@ class StatusNotifierItemAdaptor : public QDBusAbstractAdaptor {
     void SecondaryActivate(int x, int y);
     void ContextMenu(int x, int y);
     void Scroll(int delta, const QString& orientation);
-    // Hosts on Wayland (Plasma) hand over an activation token before Activate, so that the
-    // panel that opens may take the keyboard.
+    // Hosts on Wayland (Plasma, GNOME's AppIndicator extension) hand over an activation token
+    // before Activate or a menu entry's click, so that the window that opens may take the
+    // keyboard.
     void ProvideXdgActivationToken(const QString& token);
 
   signals:
@@ -74,6 +77,11 @@ class StatusNotifierItemAdaptor : public QDBusAbstractAdaptor {
     void NewOverlayIcon();
     void NewToolTip();
     void NewStatus(const QString& status);
+
+  private slots:
+    // The desktop changed its colours (KDE's global settings signal): hosts that recolour the
+    // symbolic icon draw it again in the new colour once told the icon changed.
+    void desktopColorsChanged();
 
   private:
     StatusNotifierItem* item_;
@@ -137,6 +145,8 @@ class StatusNotifierItem final : public QObject, public TrayIcon {
     friend class DBusMenuAdaptor;
 
     void registerWithWatcher();
+    // Runs `what` with the token the host provided last (if any) in XDG_ACTIVATION_TOKEN.
+    void withActivationToken(const std::function<void()>& what);
     dbustray::MenuLayout layout() const;
     QVariantMap itemProperties(int id) const;
     QAction* action(int id) const;
