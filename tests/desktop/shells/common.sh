@@ -70,7 +70,7 @@ stop_all() {
 # start_xvfb: an X server on a free display number; exports DISPLAY.
 start_xvfb() {
     exec 3> "$scratch/display"
-    Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp +extension GLX >"$scratch/xvfb.log" 2>&1 &
+    Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset +extension GLX >"$scratch/xvfb.log" 2>&1 &
     pids+=($!)
     exec 3>&-
     wait_for 30 "Xvfb" test -s "$scratch/display"
