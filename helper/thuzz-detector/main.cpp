@@ -12,6 +12,7 @@
 // Exit:   0 on SIGTERM/SIGINT/SIGHUP or when stdout is gone, 1 on a failure while running,
 //         2 on bad arguments, 3 when there is no accelerometer.
 #include "AccelDevice.h"
+#include "Guardian.h"
 #include "ImpactDetector.h"
 #include "Privileges.h"
 #include "Protocol.h"
@@ -98,18 +99,19 @@ class Helper {
         bool stdinOpen = true;
         std::vector<accel::Sample> samples;
         while (true) {
-            pollfd fds[3] = {{signalFd, POLLIN, 0}, {dataFd, POLLIN, 0}, {0, POLLIN, 0}};
+            // stdout is watched for its reader going away (POLLERR/POLLHUP), stdin last.
+            pollfd fds[4] = {{signalFd, POLLIN, 0}, {dataFd, POLLIN, 0}, {1, 0, 0}, {0, POLLIN, 0}};
             int timeout = -1;
             if (auto deadline = detector_.deadline()) {
                 const double wait = *deadline - accel::monotonicNow();
                 timeout = wait <= 0 ? 0 : static_cast<int>(std::ceil(wait * 1000.0));
             }
-            const int ready = ::poll(fds, stdinOpen ? 3 : 2, timeout);
+            const int ready = ::poll(fds, stdinOpen ? 4 : 3, timeout);
             if (ready < 0 && errno != EINTR) {
                 complain(std::string("poll failed: ") + std::strerror(errno));
                 return 1;
             }
-            if (fds[0].revents & POLLIN) {
+            if ((fds[0].revents & POLLIN) || (fds[2].revents & (POLLERR | POLLHUP))) {
                 return 0;
             }
             if (fds[1].revents & (POLLIN | POLLERR | POLLHUP)) {
@@ -135,7 +137,7 @@ class Helper {
                     }
                 }
             }
-            if (stdinOpen && fds[2].revents) {
+            if (stdinOpen && fds[3].revents) {
                 stdinOpen = readStdin();
             }
             if (auto impact = detector_.flush(accel::monotonicNow())) {
@@ -228,6 +230,10 @@ int main(int argc, char** argv) {
     auto opened = accel::openAccelerometer(openOptions);
 
     std::string error;
+    thuzz::Guardian guardian;  // puts the device back even when this process is killed
+    if (opened.source && !guardian.start(*opened.source, error)) {
+        complain(error);
+    }
     if (!thuzz::dropPrivileges(error)) {
         complain("cannot drop privileges: " + error);
         return 1;
