@@ -34,8 +34,8 @@ TEST(HelperBuildTest, SanitizerOptionsInTheEnvironmentCreateNoFile) {
     const fs::path dir = pattern;
     const std::string log = (dir / "log").string();
     const auto r =
-        bonkwell::test::run({"env", "ASAN_OPTIONS=help=1:log_path=" + log,
-                             "UBSAN_OPTIONS=help=1:log_path=" + log, kHelper, "--version"});
+        bonkwell::test::run({"env", "ASAN_OPTIONS=verbosity=1:log_path=" + log,
+                             "UBSAN_OPTIONS=verbosity=1:log_path=" + log, kHelper, "--version"});
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out.rfind("thuzz-detector ", 0), 0u) << r.out;
     EXPECT_TRUE(fs::is_empty(dir)) << "the helper wrote a sanitizer log into " << dir;
