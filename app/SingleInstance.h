@@ -35,9 +35,12 @@ class SingleInstance : public QObject, public InstanceGuard {
     std::optional<Role> claim(QString* error) override;
     void setShowRequestHandler(std::function<void()> handler) override;
 
-    // $XDG_RUNTIME_DIR/bonkwell/instance, or a folder of this user's in the temp folder when
-    // the session has no runtime folder.
+    // $XDG_RUNTIME_DIR/bonkwell/instance; without it /run/user/<uid>/bonkwell/instance when
+    // that is this user's private folder, else ~/.cache/bonkwell/instance; empty when there is
+    // no HOME either (claim() then reports that it cannot guard).
     static QString defaultSocketPath();
+    static QString socketPathFor(const QString& runtimeDir, const QString& userRunDir,
+                                 const QString& home);
     QString socketPath() const { return socketPath_; }
 
   private:
