@@ -10,12 +10,14 @@
 // stdin:  optional {"cmd":"set","amplitude":A,"cooldown":MS} lines; other lines are ignored;
 //         end of input is fine.
 // Exit:   0 on SIGTERM/SIGINT/SIGHUP or when stdout is gone, 1 on a failure while running,
-//         2 on bad arguments, 3 when there is no accelerometer.
+//         2 on bad arguments, 3 when there is no accelerometer, 5 when started by a user
+//         other than the owner of the folder this set-user-ID copy is installed in.
 #include "AccelDevice.h"
 #include "Guardian.h"
 #include "ImpactDetector.h"
 #include "Privileges.h"
 #include "Protocol.h"
+#include "Trust.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -223,13 +225,20 @@ int main(int argc, char** argv) {
     const int signalFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
     ::signal(SIGPIPE, SIG_IGN);
 
+    std::string error;
+    if (!thuzz::servesItsOwner(error)) {
+        std::string ignored;
+        thuzz::dropPrivileges(ignored);
+        complain(error);
+        return thuzz::kNotTheOwnersStatus;
+    }
+
     // As root, run the device as fast as is useful; everything changed is put back on exit.
     accel::OpenOptions openOptions;
     openOptions.maxPollHz = 200.0;
     openOptions.raiseRate = ::geteuid() == 0;
     auto opened = accel::openAccelerometer(openOptions);
 
-    std::string error;
     thuzz::Guardian guardian;  // puts the device back even when this process is killed
     if (opened.source && !guardian.start(*opened.source, error)) {
         complain(error);
