@@ -10,8 +10,9 @@
 // stdin:  optional {"cmd":"set","amplitude":A,"cooldown":MS} lines; other lines are ignored;
 //         end of input is fine.
 // Exit:   0 on SIGTERM/SIGINT/SIGHUP or when stdout is gone, 1 on a failure while running,
-//         2 on bad arguments, 3 when there is no accelerometer, 5 when started by a user
-//         other than the owner of the folder this set-user-ID copy is installed in.
+//         2 on bad arguments, 3 when there is no accelerometer, 4 when this set-user-ID copy
+//         is not the helper the package ships (reinstall it from Settings), 5 when started by
+//         a user other than the owner of the folder this set-user-ID copy is installed in.
 #include "AccelDevice.h"
 #include "Guardian.h"
 #include "ImpactDetector.h"
@@ -231,6 +232,12 @@ int main(int argc, char** argv) {
         thuzz::dropPrivileges(ignored);
         complain(error);
         return thuzz::kNotTheOwnersStatus;
+    }
+    if (!thuzz::isTrustedCopy()) {
+        std::string ignored;
+        thuzz::dropPrivileges(ignored);
+        complain(thuzz::kOutOfDateLine);
+        return thuzz::kOutOfDateStatus;
     }
 
     // As root, run the device as fast as is useful; everything changed is put back on exit.
