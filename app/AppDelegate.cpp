@@ -47,6 +47,8 @@ void AppDelegate::applicationDidFinishLaunching() {
         // in-process reader stands down: one slap is never counted twice.
         if (status == ThuzzEngineInterface::runningStatus) {
             weak->detector_->stop();
+        } else if (status == ThuzzEngineInterface::outOfDateStatus) {
+            weak->detector_->start();  // until the helper is reinstalled
         }
         weak->state_->engineStatus.set(status);
     });

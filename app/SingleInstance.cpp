@@ -8,7 +8,11 @@
 #include <QLocalSocket>
 #include <QLockFile>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace bonkwell {
 namespace {
@@ -51,6 +55,36 @@ std::optional<QString> tokenOf(const QByteArray& line) {
     return QString::fromLatin1(token);
 }
 
+// Makes `folder` (mode 0700) or takes the one there, but only a real folder (never a link)
+// that this user owns: whoever owns it could answer in our place, and a link would make us
+// change and write into a folder of somebody else's choice.
+bool privateFolder(const QString& folder, QString& why) {
+    const QByteArray path = QFile::encodeName(folder);
+    if (!QDir().mkpath(QFileInfo(folder).absolutePath()) ||
+        (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST)) {
+        why = QStringLiteral("cannot create %1").arg(folder);
+        return false;
+    }
+    const int fd = ::open(path.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        why = errno == ELOOP || errno == ENOTDIR
+                  ? QStringLiteral("%1 is not a folder (a link or a file)").arg(folder)
+                  : QStringLiteral("cannot create %1").arg(folder);
+        return false;
+    }
+    struct stat info {};
+    bool ok = ::fstat(fd, &info) == 0;
+    if (ok && info.st_uid != ::getuid()) {
+        why = QStringLiteral("%1 belongs to another user").arg(folder);
+        ok = false;
+    } else if (ok && (info.st_mode & 07777) != 0700 && ::fchmod(fd, 0700) != 0) {
+        why = QStringLiteral("cannot create %1").arg(folder);
+        ok = false;
+    }
+    ::close(fd);
+    return ok;
+}
+
 }  // namespace
 
 SingleInstance::SingleInstance(QString socketPath, int replyTimeoutMs)
@@ -63,12 +97,27 @@ SingleInstance::~SingleInstance() {
 }
 
 QString SingleInstance::defaultSocketPath() {
-    QString base = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    if (base.isEmpty() || !QDir::isAbsolutePath(base)) {
-        base = QDir::tempPath() + QStringLiteral("/bonkwell-%1").arg(::getuid());
-        return base + QStringLiteral("/instance");
+    return socketPathFor(qEnvironmentVariable("XDG_RUNTIME_DIR"),
+                         QStringLiteral("/run/user/%1").arg(::getuid()),
+                         qEnvironmentVariable("HOME"));
+}
+
+QString SingleInstance::socketPathFor(const QString& runtimeDir, const QString& userRunDir,
+                                      const QString& home) {
+    if (!runtimeDir.isEmpty() && QDir::isAbsolutePath(runtimeDir)) {
+        return runtimeDir + QStringLiteral("/bonkwell/instance");
     }
-    return base + QStringLiteral("/bonkwell/instance");
+    // Without a session runtime folder: the user's own one if the system made it, else the
+    // home folder. Never a shared folder such as /tmp, where another user could get there first.
+    struct stat info {};
+    if (::lstat(QFile::encodeName(userRunDir).constData(), &info) == 0 && S_ISDIR(info.st_mode) &&
+        info.st_uid == ::getuid() && (info.st_mode & 077) == 0) {
+        return userRunDir + QStringLiteral("/bonkwell/instance");
+    }
+    if (!home.isEmpty() && QDir::isAbsolutePath(home)) {
+        return home + QStringLiteral("/.cache/bonkwell/instance");
+    }
+    return {};
 }
 
 void SingleInstance::setShowRequestHandler(std::function<void()> handler) {
@@ -102,15 +151,14 @@ SingleInstance::Ask SingleInstance::askRunningCopy(QString* error) {
 std::optional<InstanceGuard::Role> SingleInstance::claim(QString* error) {
     QString ignored;
     QString& why = error != nullptr ? *error : ignored;
-    const QString folder = QFileInfo(socketPath_).absolutePath();
-    if (!QDir().mkpath(folder) ||
-        !QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
-        why = QStringLiteral("cannot create %1").arg(folder);
+    if (socketPath_.isEmpty()) {
+        why = QStringLiteral(
+            "there is no private folder for the instance socket "
+            "(neither XDG_RUNTIME_DIR nor HOME is set)");
         return std::nullopt;
     }
-    // Whoever owns the folder could answer in our place and keep the app from starting.
-    if (QFileInfo(folder).ownerId() != ::getuid()) {
-        why = QStringLiteral("%1 belongs to another user").arg(folder);
+    const QString folder = QFileInfo(socketPath_).absolutePath();
+    if (!privateFolder(folder, why)) {
         return std::nullopt;
     }
     // Two copies started together take turns: the lock makes "ask, else listen" one step.

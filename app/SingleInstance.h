@@ -39,9 +39,12 @@ class SingleInstance : public QObject, public InstanceGuard {
     // its launcher (XDG_ACTIVATION_TOKEN or DESKTOP_STARTUP_ID), or empty.
     QString requestToken() const { return requestToken_; }
 
-    // $XDG_RUNTIME_DIR/bonkwell/instance, or a folder of this user's in the temp folder when
-    // the session has no runtime folder.
+    // $XDG_RUNTIME_DIR/bonkwell/instance; without it /run/user/<uid>/bonkwell/instance when
+    // that is this user's private folder, else ~/.cache/bonkwell/instance; empty when there is
+    // no HOME either (claim() then reports that it cannot guard).
     static QString defaultSocketPath();
+    static QString socketPathFor(const QString& runtimeDir, const QString& userRunDir,
+                                 const QString& home);
     QString socketPath() const { return socketPath_; }
 
   private:

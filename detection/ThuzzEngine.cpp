@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -207,14 +208,16 @@ void ThuzzEngine::start() {
     stderrPipe_.reset();
 
     std::weak_ptr<Shared> weak = shared_;
-    child->watchTermination([weak]() {
+    child->watchTermination([weak](int status) {
         if (QCoreApplication::instance() == nullptr) {
             return;
         }
-        MainQueue::post([weak]() {
+        // Status 4: the installed copy is not the helper this version ships.
+        const bool outOfDate = status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 4;
+        MainQueue::post([weak, outOfDate]() {
             const std::shared_ptr<Shared> shared = weak.lock();
             if (shared && shared->alive && shared->onStatus) {
-                shared->onStatus(ThuzzStatus::stopped);
+                shared->onStatus(outOfDate ? ThuzzStatus::outOfDate : ThuzzStatus::stopped);
             }
         });
     });

@@ -103,6 +103,7 @@ class ThuzzEngine : public ThuzzEngineInterface {
 namespace ThuzzStatus {
 inline const QString running = ThuzzEngineInterface::runningStatus;
 inline const QString stopped = QStringLiteral("Engine stopped");
+inline const QString outOfDate = ThuzzEngineInterface::outOfDateStatus;
 inline const QString launchFailedPrefix = QStringLiteral("Failed to launch helper: ");
 inline const QString notInstalled = QStringLiteral(
     "Helper not installed \u2014 open Settings \u2192 General \u2192 Install detection engine");

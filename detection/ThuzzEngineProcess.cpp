@@ -145,10 +145,9 @@ int ChildProcess::reap() {
     return rc < 0 ? -1 : status;
 }
 
-void ChildProcess::watchTermination(std::function<void()> onExit) {
+void ChildProcess::watchTermination(std::function<void(int status)> onExit) {
     std::thread([self = shared_from_this(), onExit = std::move(onExit)]() {
-        self->reap();
-        onExit();
+        onExit(self->reap());
     }).detach();
 }
 

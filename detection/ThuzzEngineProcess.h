@@ -56,9 +56,10 @@ class ChildProcess : public std::enable_shared_from_this<ChildProcess> {
     // Asks the child to end (SIGTERM) without waiting. Never signals a recycled process id.
     void terminate();
 
-    // Waits on a detached background thread for the child to end, then calls `onExit` on that
-    // thread. The thread keeps the process object alive. Call at most once, or use wait().
-    void watchTermination(std::function<void()> onExit);
+    // Waits on a detached background thread for the child to end, then calls `onExit` with
+    // its status (as from waitpid(), -1 when unknown) on that thread. The thread keeps the
+    // process object alive. Call at most once, or use wait().
+    void watchTermination(std::function<void(int status)> onExit);
 
     // Blocks until the child ends. Returns the exit status as from waitpid().
     int wait();

@@ -53,6 +53,10 @@ class ThuzzEngineInterface : public LiveSampleSource {
   public:
     // The status reported once the helper has been launched and reads the accelerometer.
     static inline const QString runningStatus = QStringLiteral("Engine running");
+    // The status reported when the installed helper is not the one this version ships: it
+    // refused to run, and the in-process reader takes over until it is reinstalled.
+    static inline const QString outOfDateStatus =
+        QStringLiteral("Helper out of date \u2014 open Settings \u2192 General \u2192 Reinstall");
 
     virtual InstallState installState() const = 0;
     virtual void start() = 0;

@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -293,6 +294,10 @@ std::optional<int> openInstallFolder(const std::string& path, uid_t caller, Fail
     return dir.release();
 }
 
+namespace {
+constexpr const char* kAccessAcl = "system.posix_acl_access";
+}  // namespace
+
 std::optional<Failure> installInto(int folderFd, const std::string& folderPath, int sourceFd) {
     const std::string target = folderPath + "/" + kHelperName;
     struct stat existing {};
@@ -340,6 +345,10 @@ std::optional<Failure> installInto(int folderFd, const std::string& folderPath, 
             return fail("cannot write " + target + ": " + errnoText(errno));
         }
     }
+    // A default ACL on the folder was inherited by the new file: it gets its plain mode alone.
+    if (::fremovexattr(fd, kAccessAcl) != 0 && errno != ENODATA && errno != ENOTSUP) {
+        return fail("cannot remove the access list of " + target + ": " + errnoText(errno));
+    }
     // Owner first: changing the owner clears the set-user-ID bit.
     if (::fchown(fd, 0, 0) != 0) {
         return fail("cannot give " + target + " to root: " + errnoText(errno));
@@ -353,6 +362,9 @@ std::optional<Failure> installInto(int folderFd, const std::string& folderPath, 
     struct stat made {};
     if (::fstat(fd, &made) != 0 || (made.st_mode & 07777) != 04755 || made.st_uid != 0) {
         return fail("the new " + target + " did not keep mode 4755 and owner root");
+    }
+    if (::fgetxattr(fd, kAccessAcl, nullptr, 0) >= 0) {
+        return fail("the new " + target + " kept an access list");
     }
     if (::renameat(folderFd, temp.c_str(), folderFd, kHelperName) != 0) {
         return fail("cannot put " + target + " in place: " + errnoText(errno));

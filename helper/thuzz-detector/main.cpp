@@ -12,11 +12,15 @@
 //         {"cmd":"samples","on":true|false} to turn the sample lines on or off (off at start);
 //         other lines are ignored; end of input is fine.
 // Exit:   0 on SIGTERM/SIGINT/SIGHUP or when stdout is gone, 1 on a failure while running,
-//         2 on bad arguments, 3 when there is no accelerometer.
+//         2 on bad arguments, 3 when there is no accelerometer, 4 when this set-user-ID copy
+//         is not the helper the package ships (reinstall it from Settings), 5 when started by
+//         a user other than the owner of the folder this set-user-ID copy is installed in.
 #include "AccelDevice.h"
+#include "Guardian.h"
 #include "ImpactDetector.h"
 #include "Privileges.h"
 #include "Protocol.h"
+#include "Trust.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -104,18 +108,19 @@ class Helper {
         bool stdinOpen = true;
         std::vector<accel::Sample> samples;
         while (true) {
-            pollfd fds[3] = {{signalFd, POLLIN, 0}, {dataFd, POLLIN, 0}, {0, POLLIN, 0}};
+            // stdout is watched for its reader going away (POLLERR/POLLHUP), stdin last.
+            pollfd fds[4] = {{signalFd, POLLIN, 0}, {dataFd, POLLIN, 0}, {1, 0, 0}, {0, POLLIN, 0}};
             int timeout = -1;
             if (auto deadline = detector_.deadline()) {
                 const double wait = *deadline - accel::monotonicNow();
                 timeout = wait <= 0 ? 0 : static_cast<int>(std::ceil(wait * 1000.0));
             }
-            const int ready = ::poll(fds, stdinOpen ? 3 : 2, timeout);
+            const int ready = ::poll(fds, stdinOpen ? 4 : 3, timeout);
             if (ready < 0 && errno != EINTR) {
                 complain(std::string("poll failed: ") + std::strerror(errno));
                 return 1;
             }
-            if (fds[0].revents & POLLIN) {
+            if ((fds[0].revents & POLLIN) || (fds[2].revents & (POLLERR | POLLHUP))) {
                 return 0;
             }
             if (fds[1].revents & (POLLIN | POLLERR | POLLHUP)) {
@@ -148,7 +153,7 @@ class Helper {
                     return 0;
                 }
             }
-            if (stdinOpen && fds[2].revents) {
+            if (stdinOpen && fds[3].revents) {
                 stdinOpen = readStdin();
             }
             if (auto impact = detector_.flush(accel::monotonicNow())) {
@@ -239,13 +244,30 @@ int main(int argc, char** argv) {
     const int signalFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
     ::signal(SIGPIPE, SIG_IGN);
 
+    std::string error;
+    if (!thuzz::servesItsOwner(error)) {
+        std::string ignored;
+        thuzz::dropPrivileges(ignored);
+        complain(error);
+        return thuzz::kNotTheOwnersStatus;
+    }
+    if (!thuzz::isTrustedCopy()) {
+        std::string ignored;
+        thuzz::dropPrivileges(ignored);
+        complain(thuzz::kOutOfDateLine);
+        return thuzz::kOutOfDateStatus;
+    }
+
     // As root, run the device as fast as is useful; everything changed is put back on exit.
     accel::OpenOptions openOptions;
     openOptions.maxPollHz = 200.0;
     openOptions.raiseRate = ::geteuid() == 0;
     auto opened = accel::openAccelerometer(openOptions);
 
-    std::string error;
+    thuzz::Guardian guardian;  // puts the device back even when this process is killed
+    if (opened.source && !guardian.start(*opened.source, error)) {
+        complain(error);
+    }
     if (!thuzz::dropPrivileges(error)) {
         complain("cannot drop privileges: " + error);
         return 1;

@@ -146,6 +146,19 @@ TEST_F(AppDelegateTest, TheDetectorStandsDownOnceTheHelperRuns) {
     EXPECT_EQ(delegate->state().engineStatus.get(), "Engine running");
 }
 
+TEST_F(AppDelegateTest, AnOutOfDateHelperHandsBackToTheDetector) {
+    // The installed helper refused to run (not the one this version ships): the in-process
+    // reader takes over and the status says what to do.
+    make(InstallState::installed, true);
+    delegate->applicationDidFinishLaunching();
+    journal.calls.clear();
+    engine->onStatus(ThuzzEngineInterface::outOfDateStatus);
+    EXPECT_EQ(journal.calls, QStringList{"detector.start"});
+    EXPECT_EQ(delegate->state().engineStatus.get(),
+              QString::fromUtf8("Helper out of date \u2014 open Settings \u2192 General \u2192 "
+                                "Reinstall"));
+}
+
 TEST_F(AppDelegateTest, OtherEngineStatusesLeaveTheDetectorAlone) {
     make(InstallState::notInstalled, true);
     delegate->applicationDidFinishLaunching();

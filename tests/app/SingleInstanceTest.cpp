@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -195,15 +196,59 @@ TEST_F(SingleInstanceTest, FolderOfAnotherUserIsNotTrusted) {
     EXPECT_FALSE(QFileInfo::exists(path()));
 }
 
+TEST_F(SingleInstanceTest, ALinkInPlaceOfTheFolderIsNotFollowed) {
+    // Someone leaves a link where the folder goes, to a folder of their choice.
+    const QString elsewhere = dir_.path() + QStringLiteral("/elsewhere");
+    ASSERT_EQ(::mkdir(QFile::encodeName(elsewhere).constData(), 0755), 0);
+    ASSERT_EQ(::chmod(QFile::encodeName(elsewhere).constData(), 0755), 0);
+    const QString folder = QFileInfo(path()).absolutePath();
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(folder).absolutePath()));
+    ASSERT_TRUE(QFile::link(elsewhere, folder));
+    SingleInstance guard(path());
+    QString error;
+    EXPECT_EQ(guard.claim(&error), std::nullopt);
+    EXPECT_EQ(error, QStringLiteral("%1 is not a folder (a link or a file)").arg(folder));
+    struct stat info {};
+    ASSERT_EQ(::stat(QFile::encodeName(elsewhere).constData(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);  // not made ours
+    EXPECT_TRUE(QDir(elsewhere).isEmpty());  // nothing written there
+}
+
 TEST(SingleInstanceDefaultPath, LivesInTheSessionRuntimeFolder) {
     const QByteArray saved = qgetenv("XDG_RUNTIME_DIR");
     qputenv("XDG_RUNTIME_DIR", "/run/user/4242");
     EXPECT_EQ(SingleInstance::defaultSocketPath(),
               QStringLiteral("/run/user/4242/bonkwell/instance"));
+    // Without it, never the shared temp folder, where another user could make the folder first
+    // or leave a link there.
     qunsetenv("XDG_RUNTIME_DIR");
-    EXPECT_EQ(SingleInstance::defaultSocketPath(),
-              QDir::tempPath() + QStringLiteral("/bonkwell-%1/instance").arg(::getuid()));
+    EXPECT_FALSE(SingleInstance::defaultSocketPath().startsWith(QDir::tempPath()))
+        << SingleInstance::defaultSocketPath().toStdString();
     qputenv("XDG_RUNTIME_DIR", saved);
+}
+
+TEST(SingleInstanceDefaultPath, WithoutARuntimeFolderTheUsersOwnAreaOrNone) {
+    QTemporaryDir dir;
+    const QString run = dir.path() + QStringLiteral("/run");
+    const QString home = dir.path() + QStringLiteral("/home");
+    // No per-user runtime folder: the home folder's cache.
+    EXPECT_EQ(SingleInstance::socketPathFor({}, run, home),
+              home + QStringLiteral("/.cache/bonkwell/instance"));
+    // One that others may enter is passed over; a private one of ours is taken.
+    ASSERT_EQ(::mkdir(QFile::encodeName(run).constData(), 0755), 0);
+    EXPECT_EQ(SingleInstance::socketPathFor({}, run, home),
+              home + QStringLiteral("/.cache/bonkwell/instance"));
+    ASSERT_EQ(::chmod(QFile::encodeName(run).constData(), 0700), 0);
+    EXPECT_EQ(SingleInstance::socketPathFor({}, run, home),
+              run + QStringLiteral("/bonkwell/instance"));
+    // Neither: no guard, and claim() says why.
+    EXPECT_EQ(SingleInstance::socketPathFor({}, dir.path() + QStringLiteral("/none"), {}),
+              QString());
+    SingleInstance guard(QString{});
+    QString error;
+    EXPECT_EQ(guard.claim(&error), std::nullopt);
+    EXPECT_EQ(error, QStringLiteral("there is no private folder for the instance socket "
+                                    "(neither XDG_RUNTIME_DIR nor HOME is set)"));
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <grp.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <optional>
@@ -168,6 +169,23 @@ TEST_F(Setup, InstallsIntoThePkexecCallersOwnFolder) {
     chownPath(folder, kNobody);
     chownPath(QFileInfo(folder).absolutePath(), kNobody);
     expectInstalled(run({folder}, QStringLiteral("65534")));
+}
+
+TEST_F(Setup, TheNewFileInheritsNoAccessListFromTheFolder) {
+    // A default ACL on the folder that would let another account write the new file.
+    const Result acl = [&] {
+        QProcess setfacl;
+        setfacl.start("setfacl", {"-d", "-m", "u:65534:rwx", folder});
+        Result r;
+        r.exitCode = setfacl.waitForFinished(10000) ? setfacl.exitCode() : -1;
+        r.err = setfacl.readAllStandardError();
+        return r;
+    }();
+    ASSERT_EQ(acl.exitCode, 0) << "setfacl (package acl) is needed: " << acl.err.toStdString();
+    expectInstalled(run());
+    const QByteArray file = QFile::encodeName(folder + "/thuzz-detector");
+    EXPECT_LT(::getxattr(file.constData(), "system.posix_acl_access", nullptr, 0), 0)
+        << "the set-user-ID file carries an access list";
 }
 
 TEST_F(Setup, RefusesAFolderTheCallerDoesNotOwn) {

@@ -102,7 +102,15 @@ for ((i = 0; i < 50; i++)); do [ -S /run/dbus/system_bus_socket ] && break; slee
 [ -S /run/dbus/system_bus_socket ] || { cat "$scratch/system-bus.log" >&2; echo "check-installed: no system bus" >&2; exit 1; }
 cat >/etc/polkit-1/rules.d/00-bonkwell-tester.rules <<'RULE'
 polkit.addRule(function(action, subject) {
-    if (action.id == "org.freedesktop.policykit.exec" && subject.user == "bonkwell-tester") {
+    if (subject.user != "bonkwell-tester") {
+        return polkit.Result.NOT_HANDLED;
+    }
+    // The setup program only through Bonkwell's own action (its message is what is asked).
+    if (action.id == "com.bonkwell.Bonkwell.install-helper") {
+        return polkit.Result.YES;
+    }
+    if (action.id == "org.freedesktop.policykit.exec" &&
+        action.lookup("program") != "/usr/libexec/bonkwell/Helpers/bonkwell-helper-setup") {
         return polkit.Result.YES;
     }
 });
@@ -118,6 +126,16 @@ done
 dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner \
     string:org.freedesktop.PolicyKit1 2>/dev/null | grep -q "boolean true" ||
     { cat "$scratch/polkitd.log" >&2; echo "check-installed: polkit did not come up" >&2; exit 1; }
+# The package's action: what the administrator is asked, and for which program.
+pkaction --verbose --action-id com.bonkwell.Bonkwell.install-helper >"$scratch/action" 2>&1 ||
+    { cat "$scratch/action" >&2; fail "polkit does not know com.bonkwell.Bonkwell.install-helper"; }
+cat "$scratch/action"
+grep -q "message:.*Install Bonkwell's detection engine for your account$" "$scratch/action" ||
+    fail "the action's message is not the one the package ships"
+grep -q "implicit active:.*auth_admin_keep$" "$scratch/action" ||
+    fail "the action does not ask for an administrator (auth_admin_keep)"
+grep -q "org.freedesktop.policykit.exec.path -> /usr/libexec/bonkwell/Helpers/bonkwell-helper-setup$" \
+    "$scratch/action" || fail "the action is not tied to the installed setup program"
 
 # The user's desktop session: X, a window manager, an XEmbed tray, a null sink. The tester
 # presses "Install detection engine" and the rest (e2e_installed.py).

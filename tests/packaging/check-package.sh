@@ -53,6 +53,7 @@ expected=(
     /usr/share/icons/hicolor/64x64/apps/com.bonkwell.Bonkwell.png
     /usr/share/icons/hicolor/128x128/apps/com.bonkwell.Bonkwell.png
     /usr/share/metainfo/com.bonkwell.Bonkwell.metainfo.xml
+    /usr/share/polkit-1/actions/com.bonkwell.Bonkwell.policy
     /usr/share/man/man1/bonkwell.1.gz
     /usr/share/doc/bonkwell/copyright
     /usr/share/doc/bonkwell/changelog.gz
