@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -225,6 +226,19 @@ std::optional<int> openTrustedHelper(Failure* failure) {
     return file.release();
 }
 
+std::optional<std::string> homeOf(uid_t uid) {
+    const passwd* entry = ::getpwuid(uid);
+    if (entry == nullptr || entry->pw_dir == nullptr || entry->pw_dir[0] != '/') {
+        return std::nullopt;
+    }
+    // The folder the app names is a real path, so the home folder is compared as one too.
+    char real[PATH_MAX];
+    if (::realpath(entry->pw_dir, real) == nullptr) {
+        return std::nullopt;
+    }
+    return std::string(real);
+}
+
 std::optional<int> openInstallFolder(const std::string& path, uid_t caller, Failure* failure) {
     const std::string refusing = "refusing " + path + ": ";
     std::vector<std::string> parts;
@@ -236,6 +250,16 @@ std::optional<int> openInstallFolder(const std::string& path, uid_t caller, Fail
     const std::size_t n = parts.size();
     if (n < 3 || parts[n - 2] != "Bonkwell" || parts[n - 1] != "Helpers") {
         *failure = {kRefusedFolder, refusing + "it is not a Bonkwell/Helpers folder"};
+        return std::nullopt;
+    }
+    // Only inside the calling user's own home: nowhere shared such as /tmp.
+    const std::optional<std::string> home = homeOf(caller);
+    std::vector<std::string> homeParts;
+    std::string homeWhy;
+    if (!home || !splitAbsolute(*home, &homeParts, &homeWhy) || homeParts.size() + 2 > n ||
+        !std::equal(homeParts.begin(), homeParts.end(), parts.begin())) {
+        *failure = {kRefusedFolder, refusing + "it is not inside the calling user's home folder" +
+                                        (home ? " " + *home : std::string())};
         return std::nullopt;
     }
     Fd dir(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -36,7 +36,8 @@ std::optional<uid_t> callerUid(std::string* error);
 // writable by group or others, in a folder that only root can change.
 std::optional<int> openTrustedHelper(Failure* failure);
 
-// Opens the caller's helper folder, an absolute path ending in "Bonkwell/Helpers", reached
+// Opens the caller's helper folder, an absolute path inside the caller's home folder (from the
+// password database) ending in "Bonkwell/Helpers", reached
 // without following any symbolic link; checks every folder on the way, and refuses a file
 // system mounted nosuid.
 std::optional<int> openInstallFolder(const std::string& path, uid_t caller, Failure* failure);

@@ -17,6 +17,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <optional>
 
 namespace {
@@ -59,6 +61,43 @@ void chmodPath(const QString& path, mode_t mode) {
     ASSERT_EQ(::chmod(QFile::encodeName(path).constData(), mode), 0);
 }
 
+// The setup program installs only inside the caller's home folder from the password database.
+// In a mount namespace of this test process alone, /etc/passwd is a copy in which root and
+// nobody live in the test's home; the copy is rewritten in place for each test.
+void givePasswdHomes(const QString& home) {
+    static int passwdFd = -1;
+    static QByteArray original;
+    if (passwdFd < 0) {
+        QFile real(QStringLiteral("/etc/passwd"));
+        ASSERT_TRUE(real.open(QIODevice::ReadOnly));
+        original = real.readAll();
+        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
+        ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        QByteArray name = QFile::encodeName(QDir::tempPath() + "/bonkwell-setup-passwd.XXXXXX");
+        passwdFd = ::mkstemp(name.data());
+        ASSERT_GE(passwdFd, 0);
+        ::fchmod(passwdFd, 0644);
+        const int mounted = ::mount(name.constData(), "/etc/passwd", nullptr, MS_BIND, nullptr);
+        ::unlink(name.constData());  // the mount keeps the file
+        ASSERT_EQ(mounted, 0) << std::strerror(errno);
+    }
+    // Root's and nobody's lines with the home replaced; the rest as they were.
+    QByteArray text;
+    for (QByteArray line : original.split('\n')) {
+        QList<QByteArray> fields = line.split(':');
+        if (fields.size() == 7 && (fields[2] == "0" || fields[2] == "65534")) {
+            fields[5] = QFile::encodeName(home);
+            line = fields.join(':');
+        }
+        if (!line.isEmpty()) {
+            text += line + '\n';
+        }
+    }
+    ASSERT_EQ(::ftruncate(passwdFd, 0), 0);
+    ASSERT_EQ(::pwrite(passwdFd, text.constData(), static_cast<std::size_t>(text.size()), 0),
+              text.size());
+}
+
 class Setup : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -75,6 +114,7 @@ class Setup : public ::testing::Test {
         home = tmp.path() + "/home/user";
         folder = home + "/.local/share/Bonkwell/Helpers";
         QDir().mkpath(folder);
+        givePasswdHomes(home);
     }
 
     void TearDown() override {
@@ -197,13 +237,38 @@ TEST_F(Setup, RefusesAFolderSomebodyElseMayWriteOnTheWay) {
     expectRefused(run(), 5, home + " is writable by other users");
 }
 
+TEST_F(Setup, RefusesAFolderOutsideTheCallersHome) {
+    const QString elsewhere = tmp.path() + "/shared/Bonkwell/Helpers";
+    QDir().mkpath(elsewhere);
+    expectRefused(run({elsewhere}), 5, "is not inside the calling user's home folder");
+    // nobody's home is the test's home here; root's is the same: a folder of the right
+    // owner in a shared place (as under /tmp) is refused too.
+    const QString tmpLike = tmp.path() + "/tmp-like/Bonkwell/Helpers";
+    QDir().mkpath(tmpLike);
+    chownPath(tmpLike, kNobody);
+    chownPath(QFileInfo(tmpLike).absolutePath(), kNobody);
+    expectRefused(run({tmpLike}, QStringLiteral("65534")), 5,
+                  "is not inside the calling user's home folder");
+}
+
+TEST_F(Setup, TheNewCopyInheritsNoAccessList) {
+    // A default access list on the folder would give another user rights on the new file.
+    const auto acl =
+        QProcess::execute(QStringLiteral("setfacl"), {"-d", "-m", "u:65534:rwx", folder});
+    ASSERT_EQ(acl, 0) << "setfacl (package acl) is needed";
+    expectInstalled(run());
+    const QByteArray target = QFile::encodeName(folder + "/thuzz-detector");
+    EXPECT_LT(::getxattr(target.constData(), "system.posix_acl_access", nullptr, 0), 0);
+    EXPECT_EQ(errno, ENODATA);
+}
+
 TEST_F(Setup, RefusesAFolderThatIsNotAHelperFolder) {
     QDir().mkpath(home + "/elsewhere");
     expectRefused(run({home + "/elsewhere"}), 5, "not a Bonkwell/Helpers folder");
     expectRefused(run({"relative/Bonkwell/Helpers"}), 5, "not an absolute path");
     expectRefused(run({home + "/../user/.local/share/Bonkwell/Helpers"}), 5, "not a plain path");
     expectRefused(run({home + "//.local/share/Bonkwell/Helpers"}), 5, "not a plain path");
-    expectRefused(run({tmp.path() + "/missing/Bonkwell/Helpers"}), 5, "No such file or directory");
+    expectRefused(run({home + "/missing/Bonkwell/Helpers"}), 5, "No such file or directory");
 }
 
 TEST_F(Setup, RefusesWrongUsage) {
@@ -244,7 +309,7 @@ TEST_F(Setup, DoesNotFollowASymlinkPlantedAtTheTarget) {
 }
 
 TEST_F(Setup, RefusesAFolderOnANosuidMount) {
-    mountPoint = tmp.path() + "/nosuid";
+    mountPoint = home + "/nosuid";
     QDir().mkpath(mountPoint);
     ASSERT_EQ(
         ::mount("tmpfs", QFile::encodeName(mountPoint).constData(), "tmpfs", MS_NOSUID, "size=1m"),
