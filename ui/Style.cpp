@@ -146,7 +146,9 @@ QColor secondaryText(const QPalette& palette) {
     const QColor window = palette.color(QPalette::Window);
     // Dimmed at most 40 % of the way to the background, and never below 4.5:1.
     constexpr double kMostDimming = 0.4;
-    constexpr double kMargin = 0.05;
+    // Some margin: anti-aliased glyphs never reach the full colour, and a screenshot of small
+    // text measures less than the colour itself.
+    constexpr double kMargin = 0.3;
     if (contrastRatio(text, window) < kSecondaryContrast + kMargin) {
         return text;
     }
