@@ -27,11 +27,21 @@ namespace {
 
 const QByteArray kTrusted("#!/bin/sh\n# the helper as the package ships it\nexec sleep 1\n");
 
+// The setup program installs only inside the caller's home folder from the password
+// database, so the data home of these tests lives there.
+QString callerHome() {
+    const passwd* entry = ::getpwuid(::getuid());
+    return entry != nullptr && entry->pw_dir != nullptr ? QString::fromLocal8Bit(entry->pw_dir)
+                                                        : QString();
+}
+
 class Install : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(runningAsRoot());
         ASSERT_TRUE(tmp.isValid());
+        ASSERT_TRUE(xdg.isValid())
+            << "cannot make a folder in the home folder " + callerHome().toStdString();
         chmodPath(tmp.path(), 0755);
         share = tmp.path() + "/share";
         bundleDir = share + "/bonkwell/Helpers";
@@ -57,7 +67,7 @@ class Install : public ::testing::Test {
         chmodPath(installed(), mode);  // chown clears the set-user-ID bit
     }
 
-    TemporaryXdgHome xdg;
+    TemporaryXdgHome xdg{callerHome()};
     QTemporaryDir tmp;
     QString share;
     QString bundleDir;
@@ -180,10 +190,10 @@ TEST_F(Install, LooseModesOfTheAppsOwnFoldersAreTightened) {
 }
 
 TEST_F(Install, ADataHomeReachedThroughASymlinkStillInstalls) {
-    const QString real = tmp.path() + "/real-data";
+    const QString real = xdg.path() + "/real-data";
     QDir().mkpath(real);
-    ASSERT_TRUE(QFile::link(real, tmp.path() + "/linked-data"));
-    ::setenv("XDG_DATA_HOME", qPrintable(tmp.path() + "/linked-data"), 1);
+    ASSERT_TRUE(QFile::link(real, xdg.path() + "/linked-data"));
+    ::setenv("XDG_DATA_HOME", qPrintable(xdg.path() + "/linked-data"), 1);
     EXPECT_TRUE(engine.installHelper());
     EXPECT_EQ(statuses, QStringList{"Detection engine installed"});
     EXPECT_EQ(lstatOf(real + "/Bonkwell/Helpers/thuzz-detector").st_mode & 07777, 04755u);
@@ -214,7 +224,7 @@ TEST_F(Install, AnUntrustedBundledCopyIsRefusedWithAReason) {
 }
 
 TEST_F(Install, AFolderOnANosuidMountIsRefused) {
-    mountPoint = tmp.path() + "/nosuid";
+    mountPoint = xdg.path() + "/nosuid";
     QDir().mkpath(mountPoint);
     ASSERT_EQ(
         ::mount("tmpfs", QFile::encodeName(mountPoint).constData(), "tmpfs", MS_NOSUID, "size=1m"),
@@ -227,6 +237,22 @@ TEST_F(Install, AFolderOnANosuidMountIsRefused) {
                           "/Bonkwell/Helpers: its file system is mounted nosuid, which ignores "
                           "the set-user-ID bit the helper needs\n"});
     EXPECT_EQ(engine.installState(), InstallState::notSetuid);
+}
+
+TEST_F(Install, AFolderOutsideTheCallersHomeIsRefused) {
+    ::setenv("XDG_DATA_HOME", qPrintable(tmp.path() + "/data"), 1);  // the temp folder
+    EXPECT_FALSE(engine.installHelper());
+    ASSERT_EQ(statuses.size(), 1);
+    EXPECT_TRUE(statuses[0].startsWith("Admin step failed: refusing " + tmp.path() +
+                                       "/data/Bonkwell/Helpers: it is not inside the calling "
+                                       "user's home folder"))
+        << statuses[0].toStdString();
+    // The app's own unprivileged copy may be there; nothing was made set-user-ID.
+    EXPECT_NE(engine.installState(), InstallState::installed);
+    const QString copy = tmp.path() + "/data/Bonkwell/Helpers/thuzz-detector";
+    if (QFileInfo::exists(copy)) {
+        EXPECT_EQ(lstatOf(copy).st_mode & 04000, 0u);
+    }
 }
 
 TEST_F(Install, CopyFailureIsReported) {

@@ -52,7 +52,10 @@ class LogCapture {
 // Points the XDG folders at a fresh temporary home for the life of the object.
 class TemporaryXdgHome {
   public:
-    TemporaryXdgHome() {
+    // In the temp folder, or, given `parent`, in a new folder inside it.
+    explicit TemporaryXdgHome(const QString& parent = QString())
+        : dir_(parent.isEmpty() ? QDir::tempPath() + QStringLiteral("/bonkwell-xdg-XXXXXX")
+                                : parent + QStringLiteral("/.bonkwell-xdg-XXXXXX")) {
         ::setenv("XDG_CONFIG_HOME", qPrintable(dir_.path() + QStringLiteral("/config")), 1);
         ::setenv("XDG_DATA_HOME", qPrintable(dir_.path() + QStringLiteral("/data")), 1);
     }
@@ -60,6 +63,7 @@ class TemporaryXdgHome {
         ::unsetenv("XDG_CONFIG_HOME");
         ::unsetenv("XDG_DATA_HOME");
     }
+    bool isValid() const { return dir_.isValid(); }
     QString path() const { return dir_.path(); }
     QString configHome() const { return dir_.path() + QStringLiteral("/config"); }
     QString dataHome() const { return dir_.path() + QStringLiteral("/data"); }
