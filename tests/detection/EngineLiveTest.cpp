@@ -10,6 +10,7 @@
 #include "DetectionTestSupport.h"
 #include "Doubles.h"
 #include "ThuzzEngine.h"
+#include "UmockdevSupport.h"
 
 #include <gtest/gtest.h>
 #include <umockdev.h>
@@ -34,48 +35,11 @@ namespace {
 
 const std::string kZ = "/sys/bus/iio/devices/iio:device0/in_accel_z_raw";
 
-class Testbed {
-  public:
-    Testbed() : bed_(umockdev_testbed_new()) {}
-    ~Testbed() { g_object_unref(bed_); }
-    Testbed(const Testbed&) = delete;
-    Testbed& operator=(const Testbed&) = delete;
-
-    void addFile(const std::string& path) {
-        GError* error = nullptr;
-        ASSERT_TRUE(umockdev_testbed_add_from_file(bed_, path.c_str(), &error))
-            << (error ? error->message : "");
-    }
-
-  private:
-    UMockdevTestbed* bed_;
-};
-
-// Overwrites a (redirected) sysfs file in place.
-void writeInPlace(const std::string& path, const std::string& value) {
-    std::ofstream out(path, std::ios::trunc);
-    out << value << '\n';
-    ASSERT_TRUE(out.good()) << path;
-}
-
 std::string readValue(const std::string& path) {
     std::ifstream in(path);
     std::string value;
     in >> value;
     return value;
-}
-
-// Runs the main event loop until `done` or the timeout; returns `done()`.
-bool spinUntil(const std::function<bool()>& done, double seconds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < end) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return done();
 }
 
 class EngineLiveTest : public ::testing::Test {
