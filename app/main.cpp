@@ -3,9 +3,11 @@
 #include "AppDelegate.h"
 #include "AudioPlayer.h"
 #include "Clock.h"
+#include "ColorSchemeFollower.h"
 #include "LinuxDesktop.h"
 #include "Log.h"
 #include "MenuBarController.h"
+#include "PortalColorScheme.h"
 #include "SingleInstance.h"
 #include "SlapDetector.h"
 #include "SoundPackManager.h"
@@ -53,6 +55,11 @@ int main(int argc, char** argv) {
                                "starting anyway")
                     .arg(instanceError));
     }
+
+    // The desktop's light or dark preference, where Qt does not follow it by itself. The
+    // portal answers later; the windows repaint when it does.
+    PortalColorScheme colorScheme;
+    ColorSchemeFollower followColorScheme(colorScheme);
 
     LinuxDesktop desktop;
     AppDelegate::Parts parts{std::make_unique<AppState>(), std::make_unique<SlapDetector>(),
