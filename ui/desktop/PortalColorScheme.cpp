@@ -3,6 +3,7 @@
 
 #include "Log.h"
 
+#include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 
@@ -41,8 +42,13 @@ PortalColorScheme::PortalColorScheme(const QDBusConnection& bus, QObject* parent
         giveUp(QStringLiteral("no session bus"));
         return;
     }
-    bus_.connect(kService, kPath, kInterface, QStringLiteral("SettingChanged"), this,
-                 SLOT(settingChanged(QString, QString, QDBusVariant)));
+    // The slot's argument types must be known by name before QtDBus can match it.
+    qRegisterMetaType<QDBusVariant>();
+    if (!bus_.connect(kService, kPath, kInterface, QStringLiteral("SettingChanged"), this,
+                      SLOT(settingChanged(QString, QString, QDBusVariant)))) {
+        logLine(QStringLiteral("Bonkwell: cannot follow the desktop portal's setting changes (%1)")
+                    .arg(bus_.lastError().message()));
+    }
     // ReadOne is the current call; portals before version 2 of the interface only have Read.
     ask(QStringLiteral("ReadOne"));
 }
