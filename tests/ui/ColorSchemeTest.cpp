@@ -111,7 +111,7 @@ TEST_F(ColorSchemeTest, ADarkDesktopGivesThePanelADarkWindowWithReadableSecondar
               7.0);
     expectSecondaryReadable("dark");
     EXPECT_EQ(log.size(), 1) << log.join('\n').toStdString();
-    EXPECT_TRUE(log.value(0).contains("dark palette")) << log.value(0).toStdString();
+    EXPECT_TRUE(log.value(0).contains("using the dark palette")) << log.value(0).toStdString();
 }
 
 TEST_F(ColorSchemeTest, SwitchingWhileThePanelIsOpenRepaintsIt) {

@@ -2,6 +2,7 @@
 #include "ColorSchemeFollower.h"
 
 #include "Log.h"
+#include "TestEvents.h"
 
 #include <QApplication>
 #include <QStyle>
@@ -115,13 +116,15 @@ void ColorSchemeFollower::follow(ColorScheme scheme) {
     if (before == after) {
         return;
     }
-    QString what = QStringLiteral("using the style's own palette");
+    QString what = QStringLiteral("platform");
     if (after == Shown::dark) {
-        what = QStringLiteral("using a dark palette");
+        what = QStringLiteral("dark");
     } else if (after == Shown::light) {
-        what = QStringLiteral("using a light palette");
+        what = QStringLiteral("light");
     }
-    logLine(QStringLiteral("Bonkwell: the desktop says %1; %2").arg(describe(scheme), what));
+    logLine(QStringLiteral("Bonkwell: the desktop says %1; using the %2 palette")
+                .arg(describe(scheme), what));
+    testEvent(QStringLiteral("palette %1").arg(what));
 }
 
 }  // namespace bonkwell

@@ -52,6 +52,16 @@ void reportChanges(Reported& reported) {
             }
             const QString key = window + QLatin1Char('/') + child->objectName();
             seen.insert(key);
+            const QPoint at = child->mapToGlobal(QPoint(0, 0));
+            const QString place = QStringLiteral("%1,%2 %3x%4")
+                                      .arg(at.x())
+                                      .arg(at.y())
+                                      .arg(child->width())
+                                      .arg(child->height());
+            if (reported.places.value(key) != place) {
+                reported.places.insert(key, place);
+                testEvent(QStringLiteral("widget %1 at %2").arg(key, place));
+            }
             QString text;
             bool hasText = false;
             if (const auto* label = qobject_cast<QLabel*>(child)) {
@@ -60,16 +70,6 @@ void reportChanges(Reported& reported) {
             } else if (const auto* button = qobject_cast<QAbstractButton*>(child)) {
                 text = button->text();
                 hasText = true;
-                const QPoint at = button->mapToGlobal(QPoint(0, 0));
-                const QString place = QStringLiteral("%1,%2 %3x%4")
-                                          .arg(at.x())
-                                          .arg(at.y())
-                                          .arg(button->width())
-                                          .arg(button->height());
-                if (reported.places.value(key) != place) {
-                    reported.places.insert(key, place);
-                    testEvent(QStringLiteral("widget %1 at %2").arg(key, place));
-                }
             } else if (!child->accessibleName().isEmpty()) {
                 // A control drawn by hand names its text for screen readers.
                 text = child->accessibleName();

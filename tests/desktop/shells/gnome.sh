@@ -176,6 +176,15 @@ export DISPLAY="$display"
 xauth="$(ls "$XDG_RUNTIME_DIR"/.mutter-Xwaylandauth.* 2>/dev/null | head -n1)"
 [ -n "$xauth" ] && export XAUTHORITY="$xauth"
 
+# Services the bus starts on demand (the XDG desktop portal and GNOME's portal backend, which
+# publish the light or dark style) must see the session they serve, as in a GNOME login.
+gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
+    --method org.freedesktop.DBus.UpdateActivationEnvironment \
+    "{'XDG_CURRENT_DESKTOP': 'GNOME', 'XDG_SESSION_TYPE': 'wayland', \
+      'WAYLAND_DISPLAY': '$WAYLAND_DISPLAY', 'DISPLAY': '$DISPLAY', \
+      'XAUTHORITY': '${XAUTHORITY:-}'}" >/dev/null ||
+    fail "cannot pass the session's environment to the bus's services"
+
 status=0
 "$@" || status=$?
 if ! kill -0 "$shell_pid" 2>/dev/null; then
