@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What the window watch tells a desktop test: texts and button places as they change.
+// What the window watch tells a desktop test: texts and control places as they change.
 #include "TestEvents.h"
 
 #include <QLabel>
@@ -57,13 +57,16 @@ class TestEventsTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(TestEventsTest, ReportsNamedTextsAndButtonPlacesOnceEachThenChanges) {
+TEST_F(TestEventsTest, ReportsNamedTextsAndControlPlacesOnceEachThenChanges) {
     window.show();
     bonkwell::watchWindowsForTests(&owner);
     const std::string first = stderrOf([] { QTest::qWait(350); });
     EXPECT_EQ(occurrences(first, "bonkwell-event: text someWindow/greeting Hello\n"), 1) << first;
     EXPECT_EQ(occurrences(first, "bonkwell-event: text someWindow/goButton Go\n"), 1) << first;
     EXPECT_EQ(occurrences(first, "bonkwell-event: widget someWindow/goButton at "), 1) << first;
+    // Labels too: a test measures the contrast of a text where the label is.
+    EXPECT_EQ(occurrences(first, "bonkwell-event: widget someWindow/greeting at "), 1) << first;
+    EXPECT_EQ(occurrences(first, "bonkwell-event: widget "), 2) << first;
     EXPECT_EQ(occurrences(first, "Anonymous"), 0) << first;
 
     label->setText(QStringLiteral("Bye\nnow"));
