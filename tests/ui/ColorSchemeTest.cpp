@@ -2,10 +2,12 @@
 // The app follows the desktop's light or dark preference where the platform's palette does
 // not: the panel turns dark under a dark desktop, back while it is open, and a desktop that
 // states no preference keeps its own theme.
+#include "CalibrationView.h"
 #include "ColorSchemeFollower.h"
 #include "Log.h"
 #include "ManualColorScheme.h"
 #include "PopoverView.h"
+#include "SettingsWindow.h"
 #include "Style.h"
 #include "TrayIconArt.h"
 #include "UiTestSupport.h"
@@ -144,6 +146,39 @@ TEST_F(ColorSchemeTest, SwitchingWhileThePanelIsOpenRepaintsIt) {
     QCoreApplication::processEvents();
     EXPECT_LT(panelWindow().lightness(), 80);
     expectSecondaryReadable("dark again");
+}
+
+TEST_F(ColorSchemeTest, OpenSettingsAndCalibrationWindowsFollowToo) {
+    follower = std::make_unique<ColorSchemeFollower>(desktop);
+    SettingsWindowController settings(*f.state, f.detector, f.audio, f.packs, f.engine, {},
+                                      f.desktop);
+    settings.show();
+    CalibrationWindowController calibration(*f.state, f.detector, f.clock);
+    calibration.show();
+    QCoreApplication::processEvents();
+    QWidget* windows[] = {settings.window(), calibration.window()};
+    for (QWidget* w : windows) {
+        ASSERT_NE(w, nullptr);
+        EXPECT_GT(w->palette().color(QPalette::Window).lightness(), 180);
+    }
+    PaletteChanges settingsChanges(settings.window());
+    PaletteChanges calibrationChanges(calibration.window());
+
+    desktop.set(ColorScheme::preferDark);
+    QCoreApplication::processEvents();
+    EXPECT_GE(settingsChanges.count, 1);
+    EXPECT_GE(calibrationChanges.count, 1);
+    for (QWidget* w : windows) {
+        const QPalette p = w->palette();
+        EXPECT_LT(p.color(QPalette::Window).lightness(), 80);
+        EXPECT_GE(style::contrastRatio(style::secondaryText(p), p.color(QPalette::Window)), 4.5);
+    }
+
+    desktop.set(ColorScheme::noPreference);
+    QCoreApplication::processEvents();
+    for (QWidget* w : windows) {
+        EXPECT_GT(w->palette().color(QPalette::Window).lightness(), 180);
+    }
 }
 
 TEST_F(ColorSchemeTest, NoPreferenceLeavesThePlatformsPaletteAlone) {
