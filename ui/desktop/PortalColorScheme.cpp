@@ -21,18 +21,6 @@ constexpr int kAnswerTimeoutMs = 10000;
 
 }  // namespace
 
-QString describe(ColorScheme scheme) {
-    switch (scheme) {
-        case ColorScheme::noPreference:
-            return QStringLiteral("no preference");
-        case ColorScheme::preferDark:
-            return QStringLiteral("prefer dark");
-        case ColorScheme::preferLight:
-            return QStringLiteral("prefer light");
-    }
-    return QString();
-}
-
 PortalColorScheme::PortalColorScheme(QObject* parent)
     : PortalColorScheme(QDBusConnection::sessionBus(), parent) {}
 
