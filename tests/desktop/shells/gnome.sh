@@ -51,7 +51,8 @@ if [ -n "${BONKWELL_GNOME_NAMESPACE:-}" ] && [ -z "${BONKWELL_IN_GNOME_SESSION:-
 fi
 
 if [ -z "${BONKWELL_IN_GNOME_SESSION:-}" ]; then
-    for tool in dbus-run-session dbus-daemon gnome-shell Xwayland gsettings gdbus; do
+    for tool in dbus-run-session dbus-daemon gnome-shell Xwayland gsettings gdbus \
+        /usr/libexec/xdg-desktop-portal /usr/libexec/xdg-desktop-portal-gnome; do
         command -v "$tool" >/dev/null ||
             { echo "gnome.sh: $tool is missing (run scripts/install-deps)" >&2; exit 1; }
     done
@@ -184,6 +185,12 @@ gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/
       'WAYLAND_DISPLAY': '$WAYLAND_DISPLAY', 'DISPLAY': '$DISPLAY', \
       'XAUTHORITY': '${XAUTHORITY:-}'}" >/dev/null ||
     fail "cannot pass the session's environment to the bus's services"
+# A GNOME login has the portal running before any app asks it; start it now, not during the
+# app's own start-up.
+wait_for 30 "the desktop portal's settings (xdg-desktop-portal, xdg-desktop-portal-gnome)" \
+    gdbus call --session --dest org.freedesktop.portal.Desktop \
+    --object-path /org/freedesktop/portal/desktop \
+    --method org.freedesktop.portal.Settings.Read org.freedesktop.appearance color-scheme
 
 status=0
 "$@" || status=$?
