@@ -65,12 +65,14 @@ double ImpactDetector::referenceAge() const {
     return std::max(kReferenceAge, 1.5 * period_);
 }
 
-// The jolt of `g` at `time`: its distance from the latest reading at least referenceAge()
-// older, or from the one before that if nearer, so that the end of a jolt (whose reference is
-// the jolt itself) does not look like a new one. The oldest readings kept stand in for
-// missing ones.
-double ImpactDetector::joltAgainst(const std::array<double, 3>& g, double time,
-                                   std::array<double, 3>* reference) const {
+// The jolt of `g` at `time`. Its plain change is the distance from the latest reading at
+// least referenceAge() older, or from the one before that if nearer, so that the end of a jolt
+// (whose reference is the jolt itself) does not look like a new one; the oldest readings kept
+// stand in for missing ones. The jolt is that change, or less if `g` lies on the course the
+// readings were already taking: the machine being turned moves gravity smoothly, a little
+// further at each sample while it speeds up, and only what leaves that course is a jolt.
+ImpactDetector::Jolt ImpactDetector::joltAgainst(const std::array<double, 3>& g,
+                                                 double time) const {
     const double age = referenceAge();
     std::size_t latest = 0;
     for (std::size_t i = 0; i < recent_.size() && recent_[i].time <= time - age; ++i) {
@@ -79,10 +81,53 @@ double ImpactDetector::joltAgainst(const std::array<double, 3>& g, double time,
     const std::size_t before = latest > 0 ? latest - 1 : 0;
     const double a = distance(g, recent_[latest].g);
     const double b = distance(g, recent_[before].g);
-    if (reference) {
-        *reference = a <= b ? recent_[latest].g : recent_[before].g;
+    Jolt jolt;
+    jolt.change = std::min(a, b);
+    jolt.size = jolt.change;
+    jolt.reference = a <= b ? recent_[latest].g : recent_[before].g;
+
+    // The course: the step from the reading at least as far before the reference as the
+    // reference is before `g`, scaled to the time from the reference to `g`.
+    const Reading& from = recent_[latest];
+    const double ahead = time - from.time;
+    std::size_t earlier = latest;
+    while (earlier > 0 && from.time - recent_[earlier].time < ahead) {
+        --earlier;
     }
-    return std::min(a, b);
+    const double span = from.time - recent_[earlier].time;
+    if (ahead <= 0 || span < ahead) {
+        return jolt;
+    }
+    std::array<double, 3> step{};
+    double stepSquared = 0;
+    double along = 0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        step[i] = (from.g[i] - recent_[earlier].g[i]) * ahead / span;
+        stepSquared += step[i] * step[i];
+        along += (g[i] - from.g[i]) * step[i];
+    }
+    // Steps within the sensor's noise are no course at all.
+    const double length = std::sqrt(stepSquared);
+    if (length <= kCourseNoise) {
+        return jolt;
+    }
+    const double shrink = (length - kCourseNoise) / length;
+    for (auto& v : step) {
+        v *= shrink;
+    }
+    along *= shrink;
+    stepSquared *= shrink * shrink;
+    // The nearest point of the course, up to kCourseSpeedUp steps ahead.
+    const double k = std::clamp(along / stepSquared, 0.0, kCourseSpeedUp);
+    std::array<double, 3> onCourse{};
+    for (std::size_t i = 0; i < 3; ++i) {
+        onCourse[i] = from.g[i] + k * step[i];
+    }
+    if (const double off = distance(g, onCourse); off < jolt.size) {
+        jolt.size = off;
+        jolt.reference = onCourse;
+    }
+    return jolt;
 }
 
 // Readings older than the reference age join the background, except those of a slap.
@@ -122,8 +167,8 @@ std::optional<Impact> ImpactDetector::addSample(double time, double x, double y,
     lastTime_ = time;
     ageIntoBackground(time);
 
-    std::array<double, 3> reference{};
-    const double jolt = joltAgainst(g, time, &reference);
+    const Jolt measured = joltAgainst(g, time);
+    const double jolt = measured.size;
     std::optional<Impact> result;
     if (following_) {
         if (time <= deadline_) {
@@ -142,17 +187,20 @@ std::optional<Impact> ImpactDetector::addSample(double time, double x, double y,
         quietUntil_ = time + kQuietAfterSlap;
         if (period_ > 0 && period_ <= kFollowPeriod) {
             following_ = true;
-            eventReference_ = reference;
+            eventReference_ = measured.reference;
             deadline_ = time + period_;
         } else {
             result = finish(time);
         }
     }
 
-    // A jolt above the bar that is no slap (inside the cooldown) raises the background only up
-    // to the bar the slap had to clear.
-    recent_.push_back(Reading{time, g, jolt > trigger ? std::min(jolt, slapBar_) : jolt});
-    while (recent_.size() > 2 && recent_[2].time <= time - referenceAge()) {
+    // The background follows the plain change, so that a turn of the machine raises the bar
+    // while it lasts. A jolt above the bar that is no slap (inside the cooldown) raises it only
+    // up to the bar the slap had to clear.
+    recent_.push_back(
+        Reading{time, g, jolt > trigger ? std::min(measured.change, slapBar_) : measured.change});
+    // Kept: the readings younger than the reference age, and those the course is drawn from.
+    while (recent_.size() > 2 && recent_[2].time <= time - 2 * referenceAge() - 2 * period_) {
         recent_.pop_front();
     }
     while (recent_.size() > 256) {

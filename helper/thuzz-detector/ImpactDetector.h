@@ -6,15 +6,23 @@
 // milliseconds, while a slap does: so each sample is compared, axis by axis, with the last two
 // readings from before a slap could have begun (at least kReferenceAge and one and a half
 // sample periods earlier; the previous samples on sensors slower than kSlowPeriod), and the
-// jolt is the length of the smaller difference vector, in g. Orientation, bias and scale error
-// drop out, and a slap counts the same from any direction, along gravity or across it.
+// change is the length of the smaller difference vector, in g. Orientation, bias and scale
+// error drop out, and a slap counts the same from any direction, along gravity or across it.
 //
-// The trigger level is --min-amplitude, raised by the recent background: the largest jolt of
-// the past, decaying with kBackgroundTau and left out while younger than the reference (so the
-// rise of a slap does not raise its own bar). Only background above half the minimum
-// amplitude counts, so a still machine reacts to the lightest slap while walking or a machine
-// being carried raises the bar. A slap's own jolts never enter the background, and other jolts
-// above the bar (inside the cooldown) enter it only up to the bar that slap had to clear.
+// Turning the machine (a lid opened, a tablet picked up) moves gravity smoothly but, on slow
+// sensors, by up to a quarter of a g between samples. So the readings' own course is drawn on:
+// the latest step of the reference, carried forward up to kCourseSpeedUp times as far (a turn
+// speeds up), less kCourseNoise (a still sensor has no course). The jolt is the distance from
+// the nearest point of that course when it is nearer than the reference itself. A slap on a
+// still machine has no course to follow, so its jolt is its full change, on its first sample.
+//
+// The trigger level is --min-amplitude, raised by the recent background: the largest change of
+// the past (so that a turn raises the bar while it lasts), decaying with kBackgroundTau and left
+// out while younger than the reference (so the rise of a slap does not raise its own bar). Only
+// background above half the minimum amplitude counts, so a still machine reacts to the lightest
+// slap while walking or a machine being carried raises the bar. A slap's own jolts never enter the
+// background, and other jolts above the bar (inside the cooldown) enter it only up to the bar that
+// slap had to clear.
 //
 // A slap is reported at once, on the first sample above the trigger level; on sensors that
 // deliver a sample at least every kFollowPeriod the next sample is taken too, for the peak,
@@ -51,6 +59,8 @@ class ImpactDetector {
     static constexpr double kBackgroundWeight = 4.0;
     static constexpr double kFollowPeriod = 0.006;   // s, follow one more sample up to this
     static constexpr double kQuietAfterSlap = 0.15;  // s of a slap kept out of the background
+    static constexpr double kCourseSpeedUp = 3.0;    // reach of the course, in latest steps
+    static constexpr double kCourseNoise = 0.01;     // g, of a step that is only noise
 
     ImpactDetector(double minAmplitude, double cooldownSeconds);
 
@@ -85,10 +95,14 @@ class ImpactDetector {
         std::array<double, 3> g;
         double jolt;
     };
+    struct Jolt {
+        double change = 0;  // g, from the reference readings
+        double size = 0;    // g, off the course the readings were taking (at most `change`)
+        std::array<double, 3> reference{};
+    };
     static double distance(const std::array<double, 3>& a, const std::array<double, 3>& b);
     double referenceAge() const;
-    double joltAgainst(const std::array<double, 3>& g, double time,
-                       std::array<double, 3>* reference) const;
+    Jolt joltAgainst(const std::array<double, 3>& g, double time) const;
     void ageIntoBackground(double time);
     Impact finish(double now);
 
