@@ -42,14 +42,18 @@ std::vector<Event> runHelper(const std::vector<Reading>& readings) {
     };
     for (const auto& r : readings) {
         if (const auto due = detector.deadline(); due && *due < r.t) {
-            keep(*detector.flush(*due));
+            if (auto impact = detector.flush(*due)) {
+                keep(*impact);
+            }
         }
         if (auto impact = detector.addSample(r.t, r.g.x, r.g.y, r.g.z)) {
             keep(*impact);
         }
     }
     if (const auto due = detector.deadline()) {
-        keep(*detector.flush(*due));
+        if (auto impact = detector.flush(*due)) {
+            keep(*impact);
+        }
     }
     return events;
 }

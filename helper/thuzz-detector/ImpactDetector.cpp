@@ -34,7 +34,7 @@ double ImpactDetector::triggerLevel() const {
 }
 
 std::optional<double> ImpactDetector::deadline() const {
-    if (!following_) {
+    if (!following_ && !confirming_) {
         return std::nullopt;
     }
     return deadline_;
@@ -55,7 +55,55 @@ std::optional<Impact> ImpactDetector::flush(double now) {
     if (following_ && now >= deadline_) {
         return finish(now);
     }
+    if (confirming_ && now >= deadline_) {
+        confirming_ = false;  // the next sample is late: the jolt is reported as it stands
+        return finish(now);
+    }
     return std::nullopt;
+}
+
+bool ImpactDetector::acrossGravity(const std::array<double, 3>& change,
+                                   const std::array<double, 3>& reference) {
+    double along = 0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        along += change[i] * reference[i];
+    }
+    const double lengths = std::sqrt(
+        (change[0] * change[0] + change[1] * change[1] + change[2] * change[2]) *
+        (reference[0] * reference[0] + reference[1] * reference[1] + reference[2] * reference[2]));
+    return std::fabs(along) <= kAcrossGravity * lengths;
+}
+
+// The candidate was the machine being turned: it was never a slap, and its change is what the
+// background is made of.
+void ImpactDetector::drop(double change) {
+    anySlap_ = before_.anySlap;
+    lastOnset_ = before_.lastOnset;
+    quietFrom_ = before_.quietFrom;
+    quietUntil_ = before_.quietUntil;
+    slapBar_ = before_.slapBar;
+    background_ = std::max(background_, change);
+}
+
+// The sample after a candidate: a slap has gone back from where the jolt took it (against the
+// reference carried along its course), while a turn carries on at least kCarriedOn as far.
+std::optional<Impact> ImpactDetector::confirm(double time, const std::array<double, 3>& g,
+                                              double change) {
+    confirming_ = false;
+    std::array<double, 3> off{};
+    double along = 0;
+    double stepSquared = 0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        off[i] = g[i] - (eventReference_[i] + courseVelocity_[i] * (time - onset_));
+        along += off[i] * candidateStep_[i];
+        stepSquared += candidateStep_[i] * candidateStep_[i];
+    }
+    if (along >= kCarriedOn * stepSquared) {
+        drop(std::max(candidateChange_, change));
+        return std::nullopt;
+    }
+    peak_ = std::max(peak_, std::sqrt(off[0] * off[0] + off[1] * off[1] + off[2] * off[2]));
+    return finish(time);
 }
 
 double ImpactDetector::referenceAge() const {
@@ -126,6 +174,9 @@ ImpactDetector::Jolt ImpactDetector::joltAgainst(const std::array<double, 3>& g,
     if (const double off = distance(g, onCourse); off < jolt.size) {
         jolt.size = off;
         jolt.reference = onCourse;
+        for (std::size_t i = 0; i < 3; ++i) {
+            jolt.velocity[i] = step[i] / ahead;
+        }
     }
     return jolt;
 }
@@ -162,7 +213,11 @@ std::optional<Impact> ImpactDetector::addSample(double time, double x, double y,
     time = std::max(time, lastTime_);  // a clock never runs backwards here
     const double dt = time - lastTime_;
     if (dt > 0 && dt < 0.5) {
-        period_ = period_ == 0 ? dt : period_ + 0.1 * (dt - period_);
+        // Samples an event-driven sensor left out (nothing changed) do not stretch the period.
+        const double gap =
+            period_ > 0 && dt > kMissedSample * period_ ? dt / std::round(dt / period_) : dt;
+        period_ = period_ == 0 ? gap : period_ + 0.1 * (gap - period_);
+        jitter_ += 0.1 * (std::fabs(gap - period_) - jitter_);
     }
     lastTime_ = time;
     ageIntoBackground(time);
@@ -170,14 +225,18 @@ std::optional<Impact> ImpactDetector::addSample(double time, double x, double y,
     const Jolt measured = joltAgainst(g, time);
     const double jolt = measured.size;
     std::optional<Impact> result;
+    const bool waiting = following_ || confirming_;
     if (following_) {
         if (time <= deadline_) {
             peak_ = std::max(peak_, distance(g, eventReference_));
         }
         result = finish(time);
+    } else if (confirming_) {
+        result = confirm(time, g, measured.change);
     }
     const double trigger = triggerLevel();
-    if (!following_ && !result && jolt > trigger && (!anySlap_ || time - lastOnset_ > cooldown_)) {
+    if (!waiting && jolt > trigger && (!anySlap_ || time - lastOnset_ > cooldown_)) {
+        before_ = {anySlap_, lastOnset_, quietFrom_, quietUntil_, slapBar_};
         anySlap_ = true;
         lastOnset_ = time;
         onset_ = time;
@@ -185,10 +244,22 @@ std::optional<Impact> ImpactDetector::addSample(double time, double x, double y,
         slapBar_ = trigger;
         quietFrom_ = time - referenceAge();
         quietUntil_ = time + kQuietAfterSlap;
+        std::array<double, 3> step{};
+        for (std::size_t i = 0; i < 3; ++i) {
+            step[i] = g[i] - measured.reference[i];
+        }
         if (period_ > 0 && period_ <= kFollowPeriod) {
             following_ = true;
             eventReference_ = measured.reference;
             deadline_ = time + period_;
+        } else if (period_ >= kSlowPeriod && jitter_ <= kSteadyJitter * period_ &&
+                   acrossGravity(step, measured.reference)) {
+            confirming_ = true;
+            eventReference_ = measured.reference;
+            courseVelocity_ = measured.velocity;
+            candidateStep_ = step;
+            candidateChange_ = measured.change;
+            deadline_ = time + (1 + kSteadyJitter) * period_;
         } else {
             result = finish(time);
         }

@@ -27,6 +27,13 @@
 // A slap is reported at once, on the first sample above the trigger level; on sensors that
 // deliver a sample at least every kFollowPeriod the next sample is taken too, for the peak,
 // and the report comes with it (or one sample period after the trigger if it does not come).
+// On slow sensors whose samples come on time (a period of kSlowPeriod or more, jitter within
+// kSteadyJitter of it) a jolt across gravity (within kAcrossGravity of square to it) may be
+// the first sample of a quick turn, which no course foretells: the next sample decides. A slap
+// is over by then and the reading has gone back; a turn has carried on (kCarriedOn of the
+// jolt's step or further), is no slap, and its change joins the background. Either way the
+// report comes one sample period after the trigger at the latest. Slaps along gravity, and
+// every slap on faster sensors, are reported on their first sample.
 // The amplitude is the largest jolt of the samples used, with a severity word by band:
 //   below 0.1 g "tap", below 0.3 g "slap", below 0.8 g "smack", otherwise "wallop".
 // Triggers closer than --cooldown to the previous slap are ignored (strictly: one exactly a
@@ -61,6 +68,10 @@ class ImpactDetector {
     static constexpr double kQuietAfterSlap = 0.15;  // s of a slap kept out of the background
     static constexpr double kCourseSpeedUp = 3.0;    // reach of the course, in latest steps
     static constexpr double kCourseNoise = 0.01;     // g, of a step that is only noise
+    static constexpr double kAcrossGravity = 0.5;    // cosine: a jolt this far across gravity
+    static constexpr double kCarriedOn = 1.2;  // of its step: how far a turn has got one sample on
+    static constexpr double kSteadyJitter = 0.05;  // of a period: samples come on time
+    static constexpr double kMissedSample = 1.75;  // periods: a sample was left out
 
     ImpactDetector(double minAmplitude, double cooldownSeconds);
 
@@ -99,7 +110,16 @@ class ImpactDetector {
         double change = 0;  // g, from the reference readings
         double size = 0;    // g, off the course the readings were taking (at most `change`)
         std::array<double, 3> reference{};
+        std::array<double, 3> velocity{};  // g/s of the course the reference is on
     };
+    struct SlapState {
+        bool anySlap;
+        double lastOnset, quietFrom, quietUntil, slapBar;
+    };
+    static bool acrossGravity(const std::array<double, 3>& change,
+                              const std::array<double, 3>& reference);
+    std::optional<Impact> confirm(double time, const std::array<double, 3>& g, double change);
+    void drop(double change);
     static double distance(const std::array<double, 3>& a, const std::array<double, 3>& b);
     double referenceAge() const;
     Jolt joltAgainst(const std::array<double, 3>& g, double time) const;
@@ -111,12 +131,18 @@ class ImpactDetector {
     std::deque<Reading> recent_;  // readings younger than the reference age, and two older
     double lastTime_ = 0;
     double period_ = 0;
+    double jitter_ = 0;  // s, mean deviation of the sample gaps from the period
     double lastJolt_ = 0;
     double background_ = 0;
     double backgroundTime_ = 0;
     double quietFrom_ = 0;
     double quietUntil_ = -1;
     bool following_ = false;
+    bool confirming_ = false;  // a jolt across gravity on a slow sensor, maybe a turn
+    std::array<double, 3> courseVelocity_{};
+    std::array<double, 3> candidateStep_{};
+    double candidateChange_ = 0;
+    SlapState before_{};
     std::array<double, 3> eventReference_{};
     double onset_ = 0;
     double peak_ = 0;
