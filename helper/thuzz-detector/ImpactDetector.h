@@ -28,7 +28,8 @@
 // deliver a sample at least every kFollowPeriod the next sample is taken too, for the peak,
 // and the report comes with it (or one sample period after the trigger if it does not come).
 // On slow sensors whose samples come on time (a period of kSlowPeriod or more, jitter within
-// kSteadyJitter of it) a jolt across gravity (within kAcrossGravity of square to it) may be
+// kSteadyJitter of it) a jolt across gravity (the cosine of its angle to gravity no more than
+// kAcrossGravity: within 30 degrees of square to it, as a turn's step always is) may be
 // the first sample of a quick turn, which no course foretells: the next sample decides. A slap
 // is over by then and the reading has gone back; a turn has carried on (kCarriedOn of the
 // jolt's step or further), is no slap, and its change joins the background. Either way the
@@ -68,7 +69,7 @@ class ImpactDetector {
     static constexpr double kQuietAfterSlap = 0.15;  // s of a slap kept out of the background
     static constexpr double kCourseSpeedUp = 3.0;    // reach of the course, in latest steps
     static constexpr double kCourseNoise = 0.01;     // g, of a step that is only noise
-    static constexpr double kAcrossGravity = 0.5;    // cosine: a jolt this far across gravity
+    static constexpr double kAcrossGravity = 0.5;    // |cosine| to gravity of a turn's step
     static constexpr double kCarriedOn = 1.2;  // of its step: how far a turn has got one sample on
     static constexpr double kSteadyJitter = 0.05;  // of a period: samples come on time
     static constexpr double kMissedSample = 1.75;  // periods: a sample was left out
