@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <functional>
@@ -27,7 +28,9 @@ std::vector<Impact> feed(ImpactDetector& d, double start, double seconds, const 
     for (int i = 0; i < n; ++i) {
         const double t = start + i / rate;
         if (const auto due = d.deadline(); due && *due < t) {
-            impacts.push_back(*d.flush(*due));
+            if (auto impact = d.flush(*due)) {
+                impacts.push_back(*impact);
+            }
         }
         const Vec v = value(t);
         if (auto impact = d.addSample(t, v[0], v[1], v[2])) {
@@ -257,4 +260,181 @@ TEST(ImpactDetectorTest, SeverityWordsByBand) {
     EXPECT_STREQ(severityFor(0.3), "smack");
     EXPECT_STREQ(severityFor(0.8), "wallop");
     EXPECT_STREQ(severityFor(3.0), "wallop");
+}
+
+namespace {
+
+// A sensor sampling at `rate` Hz with its first sample `phase` periods in, behind its on-chip
+// low-pass at half the rate, while gravity turns from `from` by `angle` radians about `axis`
+// (perpendicular to it) over `seconds` (a raised cosine, as a hand moves a lid), from `at`.
+struct TurningSensor {
+    double rate;
+    double phase;
+    Vec from;
+    Vec axis;
+    double angle;
+    double at;
+    double seconds;
+    Vec bias{0.04, -0.03, 0.075};
+
+    Vec gravity(double t) const {
+        const double p = std::clamp((t - at) / seconds, 0.0, 1.0);
+        const double a = angle * (1 - std::cos(M_PI * p)) / 2;
+        // Rodrigues, with `axis` perpendicular to `from`.
+        const Vec cross{axis[1] * from[2] - axis[2] * from[1],
+                        axis[2] * from[0] - axis[0] * from[2],
+                        axis[0] * from[1] - axis[1] * from[0]};
+        Vec g{};
+        for (std::size_t i = 0; i < 3; ++i) {
+            g[i] = std::cos(a) * from[i] + std::sin(a) * cross[i];
+        }
+        return g;
+    }
+
+    // The readings over [0, until), each with the time it was taken.
+    std::vector<std::pair<double, Vec>> readings(double until,
+                                                 const std::function<Vec(double)>& extra) const {
+        const double step = 0.25e-3;
+        const double alpha = 1 - std::exp(-step * M_PI * rate);
+        std::mt19937 rng(7);
+        std::normal_distribution<double> noise(0, 0.002);
+        std::vector<std::pair<double, Vec>> out;
+        Vec lp = gravity(0);
+        double due = phase / rate;
+        for (double t = 0; t < until; t += step) {
+            const Vec g = gravity(t);
+            const Vec e = extra(t);
+            for (std::size_t i = 0; i < 3; ++i) {
+                lp[i] += alpha * (g[i] + e[i] - lp[i]);
+            }
+            if (t >= due) {
+                Vec v{};
+                for (std::size_t i = 0; i < 3; ++i) {
+                    v[i] = std::round((lp[i] + bias[i] + noise(rng)) * 1024) / 1024;
+                }
+                out.emplace_back(t, v);
+                due += 1 / rate;
+            }
+        }
+        return out;
+    }
+};
+
+std::vector<Impact> feedReadings(ImpactDetector& d,
+                                 const std::vector<std::pair<double, Vec>>& readings) {
+    std::vector<Impact> impacts;
+    for (const auto& [t, v] : readings) {
+        if (const auto due = d.deadline(); due && *due < t) {
+            impacts.push_back(*d.flush(*due));
+        }
+        if (auto impact = d.addSample(t, v[0], v[1], v[2])) {
+            impacts.push_back(*impact);
+        }
+    }
+    return impacts;
+}
+
+Vec none(double) {
+    return Vec{0, 0, 0};
+}
+
+}  // namespace
+
+// Every sampling phase, three turning axes, both ways: the number of slaps counted.
+int slapsWhileTurning(double rate, double angle, double seconds) {
+    const double s = 1 / std::sqrt(2.0);
+    int slaps = 0;
+    for (const Vec& axis : {Vec{1, 0, 0}, Vec{0, -1, 0}, Vec{s, s, 0}}) {
+        for (const double sign : {1.0, -1.0}) {
+            for (int phase = 0; phase < 10; ++phase) {
+                const TurningSensor sensor{rate,         phase / 10.0, {0, 0, 1}, axis,
+                                           sign * angle, 3.0,          seconds};
+                ImpactDetector d(0.05, 0.75);
+                const auto impacts = feedReadings(d, sensor.readings(8, none));
+                for (const auto& impact : impacts) {
+                    ADD_FAILURE() << rate << " Hz, axis " << axis[0] << " " << axis[1] << ", angle "
+                                  << sign * angle << ", phase " << phase << ": " << impact.amplitude
+                                  << " g at " << impact.onsetTime << " s";
+                }
+                slaps += static_cast<int>(impacts.size());
+            }
+        }
+    }
+    return slaps;
+}
+
+TEST(ImpactDetectorTest, MovingTheLidQuicklyOnASlowSensorIsNotASlap) {
+    // 90 degrees in 0.3 s: gravity moves by up to a quarter of a g between samples at 20 Hz.
+    EXPECT_EQ(slapsWhileTurning(20, M_PI / 2, 0.3), 0);
+    EXPECT_EQ(slapsWhileTurning(33, M_PI / 2, 0.3), 0);
+    // At 50 Hz the samples are compared with those two periods back.
+    EXPECT_EQ(slapsWhileTurning(50, M_PI / 2, 0.65), 0);
+}
+
+TEST(ImpactDetectorTest, ASlowSensorLetsTheNextSampleTellASlapAcrossGravityFromATurn) {
+    // 20 Hz: a jolt across gravity that goes back is a slap, reported with the next sample...
+    ImpactDetector d(0.05, 0.75);
+    feed(d, 0, 5, level(), 20);
+    EXPECT_FALSE(d.addSample(5.0, 0.15, 0, 1));
+    ASSERT_TRUE(d.deadline());
+    auto impact = d.addSample(5.05, 0.01, 0, 1);
+    ASSERT_TRUE(impact);
+    EXPECT_DOUBLE_EQ(impact->onsetTime, 5.0);
+    EXPECT_DOUBLE_EQ(impact->reportTime, 5.05);
+    EXPECT_NEAR(impact->amplitude, 0.15, 1e-9);
+    EXPECT_EQ(impact->severity, "slap");
+    // ...one that carries on is the machine being turned: no slap, and the bar goes up.
+    feed(d, 5.1, 5, level(), 20);
+    EXPECT_FALSE(d.addSample(10.0, 0.15, 0, 0.99));
+    EXPECT_FALSE(d.addSample(10.05, 0.4, 0, 0.92));
+    EXPECT_FALSE(d.deadline());
+    EXPECT_GT(d.triggerLevel(), 0.3);
+    EXPECT_EQ(d.slapCount(), 1);
+    // A jolt along gravity cannot be a turn: reported on its own sample.
+    ImpactDetector along(0.05, 0.75);
+    feed(along, 0, 5, level(), 20);
+    impact = along.addSample(5.0, 0, 0, 1.15);
+    ASSERT_TRUE(impact);
+    EXPECT_DOUBLE_EQ(impact->reportTime, 5.0);
+    // The next sample missing (an event-driven sensor): reported at the deadline, one period on.
+    ImpactDetector silent(0.05, 0.75);
+    feed(silent, 0, 5, level(), 20);
+    EXPECT_FALSE(silent.addSample(5.0, 0, 0.2, 1));
+    ASSERT_TRUE(silent.deadline());
+    EXPECT_NEAR(*silent.deadline(), 5.05, 0.005);
+    impact = silent.flush(*silent.deadline());
+    ASSERT_TRUE(impact);
+    EXPECT_NEAR(impact->amplitude, 0.2, 1e-9);
+}
+
+TEST(ImpactDetectorTest, ASlapWhileTheLidMovesStillCounts) {
+    // A 10 ms slap of 2 g square to gravity, ending 2 ms before a sample, in the middle of a
+    // 90 degree turn over 2 s (which raises the bar while it lasts).
+    for (const double rate : {20.0, 33.0, 50.0}) {
+        for (int phase = 0; phase < 10; phase += 3) {
+            const TurningSensor sensor{rate,     phase / 10.0, {0, 0, 1}, {1, 0, 0},
+                                       M_PI / 2, 3.0,          2.0};
+            const double sample = (std::round(4.0 * rate) + phase / 10.0) / rate;
+            const double start = sample - 0.012;
+            const auto slap = [start](double t) {
+                const double u = t - start;
+                return u >= 0 && u < 0.01 ? Vec{0, 2.0 * std::sin(M_PI * u / 0.01), 0} : none(t);
+            };
+            ImpactDetector d(0.05, 0.75);
+            const auto impacts = feedReadings(d, sensor.readings(8, slap));
+            ASSERT_EQ(impacts.size(), 1u) << rate << " Hz, phase " << phase;
+            EXPECT_NEAR(impacts[0].onsetTime, sample, 0.001) << rate << " Hz";
+            EXPECT_LE(impacts[0].reportTime - impacts[0].onsetTime, 1.01 / rate) << rate << " Hz";
+        }
+    }
+}
+
+TEST(ImpactDetectorTest, AfterAQuickTurnTheBarComesBackDown) {
+    // The turn's change raised the bar; seconds later a still machine feels a light slap again.
+    const TurningSensor sensor{20, 0.5, {0, 0, 1}, {0, 1, 0}, M_PI / 2, 3.0, 0.3};
+    const auto slap = [](double t) { return t >= 14.0 && t < 14.05 ? Vec{0, 0.15, 0} : none(t); };
+    ImpactDetector d(0.05, 0.75);
+    const auto impacts = feedReadings(d, sensor.readings(15, slap));
+    ASSERT_EQ(impacts.size(), 1u);
+    EXPECT_NEAR(impacts[0].onsetTime, 14.0, 0.06);
 }
