@@ -1,39 +1,24 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The helper on emulated sensors as they come: biased, in any orientation, slapped from the
 // side; and the device rate it raises as root, put back however it ends.
-#include "Subprocess.h"
+#include "UmockdevRun.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <regex>
 
+using bonkwell::test::device;
+using bonkwell::test::iioBuffer;
+using bonkwell::test::kIio;
+using bonkwell::test::lis3Input;
 using bonkwell::test::RunResult;
+using bonkwell::test::underUmockdev;
+using bonkwell::test::whileRunning;
 
 namespace {
 
-const std::string kData = BONKWELL_TEST_DATA "/accel/";
-const std::string kHelper = THUZZ_DETECTOR_PATH;
-const std::string kArgs = " --stdio --detect-only --min-amplitude 0.0500 --cooldown 750";
-const std::string kIio = "/sys/bus/iio/devices/iio:device0";
 const bool kRoot = ::geteuid() == 0;
-
-// Runs `script` under umockdev with the given device options; $H is the helper with its
-// launch words. The script's own exit status is the result's.
-RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std::string& script) {
-    std::vector<std::string> argv = {"umockdev-run"};
-    argv.insert(argv.end(), deviceOptions.begin(), deviceOptions.end());
-    argv.insert(argv.end(), {"--", "sh", "-c", "H='" + kHelper + kArgs + "'\n" + script});
-    return bonkwell::test::run(argv);
-}
-
-// `setup`, then the helper while `during` runs, stopped with `signal`, then `after`; exits
-// with the helper's status.
-std::string whileRunning(const std::string& setup, const std::string& during,
-                         const std::string& after = "", const std::string& signal = "TERM") {
-    return setup + "\n$H </dev/null & p=$!\nsleep 0.6\n" + during + "\nsleep 0.4\nkill -" + signal +
-           " $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
-}
 
 // The polled IIO device with its mount matrix (x' = -y, y' = -x, z' = -z, 1024 counts per g)
 // lying level and reading (40, -30, 1075) mg at rest: 1.076 g long.
@@ -41,7 +26,7 @@ const std::string kBiasedLevel = "echo 31 > " + kIio + "/in_accel_x_raw; echo -4
                                  "/in_accel_y_raw; echo -1101 > " + kIio + "/in_accel_z_raw";
 
 std::vector<std::string> iioPoll() {
-    return {"-d", kData + "iio-poll-i2c-like.umockdev"};
+    return device("iio-poll-i2c-like");
 }
 
 // Adds `counts` to a raw axis for 0.2 s.
@@ -54,7 +39,7 @@ std::string jolt(const std::string& axis, int rest, int counts) {
 }  // namespace
 
 TEST(HelperSensorTest, ABiasedStillDeviceGivesNoEventOverTenSeconds) {
-    const auto r = underUmockdev(iioPoll(), whileRunning(kBiasedLevel, "sleep 10"));
+    const auto r = underUmockdev(iioPoll(), kBiasedLevel + "\n" + whileRunning("sleep 10"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("IIO sysfs polling"), std::string::npos) << r.out;
     EXPECT_TRUE(r.jsonLines().empty()) << r.out;
@@ -65,7 +50,8 @@ TEST(HelperSensorTest, ASlapAlongEachAxisGivesExactlyOneEvent) {
     // along gravity (raw z), on the biased level device.
     for (const auto& [axis, rest] :
          std::vector<std::pair<std::string, int>>{{"y", -41}, {"x", 31}, {"z", -1101}}) {
-        const auto r = underUmockdev(iioPoll(), whileRunning(kBiasedLevel, jolt(axis, rest, -154)));
+        const auto r =
+            underUmockdev(iioPoll(), kBiasedLevel + "\n" + whileRunning(jolt(axis, rest, -154)));
         EXPECT_EQ(r.exitCode, 0) << r.err;
         const auto events = r.jsonLines();
         ASSERT_EQ(events.size(), 1u) << axis << "\n" << r.out << r.err;
@@ -79,7 +65,7 @@ TEST(HelperSensorTest, ASidewaysSlapOnAMachineOnItsSideGivesOneEvent) {
     // The device as it comes: gravity along the machine's X. A jolt along its Y and Z.
     for (const auto& [axis, rest] :
          std::vector<std::pair<std::string, int>>{{"x", -7}, {"z", 31}}) {
-        const auto r = underUmockdev(iioPoll(), whileRunning("", jolt(axis, rest, 154)));
+        const auto r = underUmockdev(iioPoll(), whileRunning(jolt(axis, rest, 154)));
         EXPECT_EQ(r.exitCode, 0) << r.err;
         EXPECT_EQ(r.jsonLines().size(), 1u) << axis << "\n" << r.out << r.err;
     }
@@ -89,7 +75,7 @@ TEST(HelperSensorTest, TheSysfsRateIsRaisedAndPutBackOnEverySignal) {
     const std::string rate = kIio + "/sampling_frequency";
     for (const char* signal : {"TERM", "INT", "HUP"}) {
         const auto r = underUmockdev(
-            iioPoll(), whileRunning("", "echo \"running=$(cat " + rate + ")\" >&2",
+            iioPoll(), whileRunning("echo \"running=$(cat " + rate + ")\" >&2",
                                     "echo \"after=$(cat " + rate + ")\" >&2", signal));
         EXPECT_EQ(r.exitCode, 0) << signal << r.err;
         // The highest rate offered up to 200 Hz; polled at that rate.
@@ -106,12 +92,11 @@ TEST(HelperSensorTest, TheSysfsRateIsRaisedAndPutBackOnEverySignal) {
 
 TEST(HelperSensorTest, TheBufferRateIsRaisedAndPutBack) {
     const std::string rate = kIio + "/sampling_frequency";
-    const auto r = underUmockdev(
-        {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-         "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
-        whileRunning("echo '5 10 20 50 100 400' > " + rate + "_available",
-                     "echo \"running=$(cat " + rate + ")\" >&2",
-                     "echo \"after=$(cat " + rate + ") $(cat " + kIio + "/buffer/enable)\" >&2"));
+    const auto r = underUmockdev(iioBuffer("iio-buffer-still"),
+                                 "echo '5 10 20 50 100 400' > " + rate + "_available\n" +
+                                     whileRunning("echo \"running=$(cat " + rate + ")\" >&2",
+                                                  "echo \"after=$(cat " + rate + ") $(cat " + kIio +
+                                                      "/buffer/enable)\" >&2"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.firstLine(),
               std::string("reading iio:device0 (accel_3d) through the IIO buffer at ") +
@@ -125,10 +110,8 @@ TEST(HelperSensorTest, TheInputDevicePollIsLoweredAndPutBackOnEverySignal) {
     const std::string poll = "/sys/class/input/event7/device/poll";
     for (const char* signal : {"TERM", "INT", "HUP"}) {
         const auto r =
-            underUmockdev({"-d", kData + "lis3-like.umockdev", "-i",
-                           "/dev/input/event7=" + kData + "lis3-like.ioctl", "-e",
-                           "/dev/input/event7=" + kData + "lis3-still.events"},
-                          whileRunning("", "echo \"running=$(cat " + poll + ")\" >&2",
+            underUmockdev(lis3Input("lis3-still"),
+                          whileRunning("echo \"running=$(cat " + poll + ")\" >&2",
                                        "echo \"after=$(cat " + poll + ")\" >&2", signal));
         EXPECT_EQ(r.exitCode, 0) << signal << r.err;
         EXPECT_EQ(r.firstLine(),
