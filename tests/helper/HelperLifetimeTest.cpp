@@ -5,10 +5,7 @@
 
 #include <gtest/gtest.h>
 
-using bonkwell::test::device;
-using bonkwell::test::iioBuffer;
-using bonkwell::test::RunResult;
-using bonkwell::test::underUmockdev;
+using namespace bonkwell::test;
 
 namespace {
 

@@ -8,13 +8,7 @@
 
 #include <regex>
 
-using bonkwell::test::device;
-using bonkwell::test::iioBuffer;
-using bonkwell::test::kIio;
-using bonkwell::test::lis3Input;
-using bonkwell::test::RunResult;
-using bonkwell::test::underUmockdev;
-using bonkwell::test::whileRunning;
+using namespace bonkwell::test;
 
 namespace {
 
