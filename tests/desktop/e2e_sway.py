@@ -10,6 +10,8 @@ panel as a compact floating window (never tiled, not stretched) with the keyboar
 click elsewhere and a second click on the icon close it; the secondary texts read (4.5:1); a
 right click opens the bar's menu at the icon, whose entries open Settings and Calibration;
 "Quit Bonkwell" ends the app with status 0.
+On a HiDPI output (BONKWELL_SCALE=2) also: the panel shows whole, its bottom row drawn inside
+the window and on screen, and it keeps its logical size when the output goes back to scale 1.
 Without a bar: the Bonkwell window is on screen within 3 s of the start, and closing it ends
 the app with status 0.
 Clicks go through sway's seat cursor (a virtual pointer gives the headless seat a pointer),
@@ -23,8 +25,8 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from checks import (changed_rect, fmt_rect, icon_contrast, opens_at, skip_events,  # noqa: E402
-                    text_rows, wait_event, wait_for)
+from checks import (Image, changed_rect, fmt_rect, icon_contrast, opens_at, skip_events,  # noqa: E402
+                    text_contrast, text_rows, wait_event, wait_for)
 from desktop_driver import App, Failure, geometry, run  # noqa: E402
 from shell_steps import (MENU, ShellSession, find_drawn_icon, hidden_by, menu_windows,  # noqa: E402
                          panel_widgets, quit_from_menu, run_app_checks, secondary_texts, skip_all)
@@ -97,13 +99,24 @@ def bar_strip():
 
 class Session(ShellSession):
     def __init__(self):
-        super().__init__(f"sway-{os.environ.get('BONKWELL_BAR', 'waybar')}",
-                         os.environ["BONKWELL_SHOTS"], os.environ["BONKWELL_SHELL_LOGS"])
+        # The output's scale: screenshots are taken at 1 (one pixel a logical pixel, where
+        # sway and the app say things are) unless a check needs the output's own pixels.
+        self.scale = int(os.environ.get("BONKWELL_SCALE", "1"))
+        desktop = f"sway-{os.environ.get('BONKWELL_BAR', 'waybar')}"
+        if self.scale != 1:
+            desktop += f"-scale{self.scale}"
+        super().__init__(desktop, os.environ["BONKWELL_SHOTS"], os.environ["BONKWELL_SHELL_LOGS"])
         # The check the next menu records its place under (the first menu opened for an entry).
         self.place_check = None
 
     def capture(self, path):
-        run("grim", path, timeout=30)
+        run("grim", "-s", "1", path, timeout=30)
+
+    def full_image(self, name):
+        """A screenshot in the output's own pixels (`scale` times the logical size)."""
+        path = self.shot_path(name)
+        run("grim", "-s", str(self.scale), path, timeout=30)
+        return Image.load(path)
 
     def click_menu_entry(self, app, icon, label):
         click_menu_entry(self, icon, label)
@@ -197,11 +210,12 @@ def run_bar(session, app, strip, before):
 
         checks.run("panel focused", focused)
         time.sleep(0.3)
-        shot = session.image("panel")
-        # Qt places widgets relative to where it thinks the window is; sway knows where it is.
-        origin = content_rect(node)
-        dx, dy = origin[0] - reported[0], origin[1] - reported[1]
-        placed = {k: (x + dx, y + dy, w, h) for k, (x, y, w, h) in widgets.items()}
+        # Texts are read in the output's own pixels: at scale 2 each logical pixel is four.
+        shot = session.full_image("panel")
+        placed = scaled(placed_widgets(node, reported, widgets), session.scale)
+        if session.scale != 1:
+            checks.run(f"whole panel at scale {session.scale}", whole_panel, session, node,
+                       reported, widgets, shot)
         checks.run("secondary texts", secondary_texts, shot, placed)
         keys("Escape")
         checks.run("closes on Escape", closed, session, app, "escape")
@@ -229,7 +243,78 @@ def run_bar(session, app, strip, before):
     checks.run("closes on icon click", by_icon_click)
     session.place_check = "menu at icon"
     menu_windows(session, app, icon)
+    if session.scale != 1:
+        if opened:
+            checks.run("same size at scale 1", same_size_at_scale_1, session, app, icon, opened[0])
+        else:
+            checks.skip("same size at scale 1", "the panel did not open")
     checks.run("quit", quit_from_menu, session, app, icon)
+
+
+def placed_widgets(node, reported, widgets):
+    """The panel's widgets where they are on screen: Qt places them relative to where it
+    thinks the window is; sway knows where it is."""
+    origin = content_rect(node)
+    dx, dy = origin[0] - reported[0], origin[1] - reported[1]
+    return {k: (x + dx, y + dy, w, h) for k, (x, y, w, h) in widgets.items()}
+
+
+def scaled(rects, factor):
+    return {k: tuple(v * factor for v in r) for k, r in rects.items()}
+
+
+def inside(rect, within):
+    x, y, w, h = rect
+    ax, ay, aw, ah = within
+    return ax <= x and ay <= y and x + w <= ax + aw and y + h <= ay + ah
+
+
+def whole_panel(session, node, reported, widgets, shot):
+    """On a HiDPI output the panel keeps its logical size and shows all of it: sway's window
+    is as large as the panel, lies on the screen, every widget the panel reports lies inside
+    it, and the bottom row (Quit, Settings) is drawn there on the screenshot."""
+    window = content_rect(node)
+    problems = []
+    if (window[2], window[3]) != (reported[2], reported[3]):
+        problems.append(f"sway's window is {window[2]}x{window[3]}, the panel {reported[2]}x{reported[3]}")
+    if not inside(window, (0, 0, 1280, 800)):
+        problems.append(f"the window at {fmt_rect(window)} reaches off the 1280x800 screen")
+    outside = [k for k, r in widgets.items() if not inside(r, reported)]
+    if outside:
+        problems.append("outside the panel: " + ", ".join(f"{k} at {fmt_rect(widgets[k])}" for k in outside))
+    if "quitButton" not in widgets:
+        problems.append(f"the panel reported no quitButton: {sorted(widgets)}")
+    if problems:
+        raise Failure("; ".join(problems))
+    x, y, w, h = scaled(placed_widgets(node, reported, {"q": widgets["quitButton"]}), session.scale)["q"]
+    # Inside the button's frame: its label on its face (the face's shading is row by row, so
+    # its most common colour is one of its rows).
+    inset = 3 * session.scale
+    label = (x + inset, y + inset, w - 2 * inset, h - 2 * inset)
+    drawn = text_contrast(shot, label, "the bottom row's Quit button", minimum=3.0)
+    if not drawn.ok:
+        raise Failure(f"the bottom row is not drawn whole: {drawn}")
+    return (f"{reported[2]}x{reported[3]} at {fmt_rect(window)}, Quit at "
+            f"{fmt_rect(widgets['quitButton'])} inside it; {drawn}")
+
+
+def same_size_at_scale_1(session, app, icon, size_at_scale):
+    """The output goes back to scale 1 (1280x800, the same logical size) while the app runs;
+    the panel opened again has the same logical size as on the HiDPI output."""
+    swaymsg("output", "HEADLESS-1", "mode", "1280x800", "scale", "1")
+    wait_for(lambda: all(o.get("scale") == 1.0 for o in json.loads(swaymsg("-t", "get_outputs", "--raw"))),
+             5, "the output to go to scale 1", session.logs)
+    time.sleep(0.5)
+    reported, node, _ = open_panel(session, app, icon)
+    window = content_rect(node)
+    session.shot("panel-scale1")
+    keys("Escape")
+    closed(session, app, "escape")
+    was = (size_at_scale[2], size_at_scale[3])
+    if (reported[2], reported[3]) != was or (window[2], window[3]) != was:
+        raise Failure(f"at scale 1 the panel is {reported[2]}x{reported[3]} (window "
+                      f"{window[2]}x{window[3]}), at scale {session.scale} it was {was[0]}x{was[1]}")
+    return f"{was[0]}x{was[1]} at scale {session.scale} and at scale 1"
 
 
 def open_menu(session, icon):

@@ -72,9 +72,16 @@ def find_drawn_icon(session, strip, before, where, pick):
     screenshot it was found on."""
 
     def bare_before(rect):
-        pixels = before.pixels(rect)
-        common = dominant_colour(pixels)
-        return sum(1 for p in pixels if p == common) >= 0.9 * len(pixels)
+        # Row by row: the bar's own edge lines (and their smoothing on a scaled output) are
+        # rows of another colour, digits are not.
+        x, y, w, h = rect
+        for row in range(y, y + h):
+            pixels = before.pixels((x, row, w, 1))
+            common = dominant_colour(pixels)
+            near = sum(1 for p in pixels if sum(abs(a - b) for a, b in zip(p, common)) <= 24)
+            if near < 0.9 * len(pixels):
+                return False
+        return True
 
     def settled():
         first = session.image("icon-probe")
