@@ -5,7 +5,6 @@
 
 #include "CalibrationView.h"
 #include "Doubles.h"
-#include "ManualClock.h"
 #include "PopoverView.h"
 #include "SettingsWindow.h"
 #include "UiTestSupport.h"
@@ -14,7 +13,6 @@
 #include <QApplication>
 #include <QMenu>
 #include <QPalette>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -24,7 +22,7 @@ using namespace bonkwell::test;
 
 namespace {
 
-class MenuBarTest : public ::testing::Test {
+class MenuBarTest : public ::testing::Test, protected ViewFixture {
   protected:
     void TearDown() override {
         menuBar.reset();
@@ -54,18 +52,8 @@ class MenuBarTest : public ::testing::Test {
         return nullptr;
     }
 
-    QTemporaryDir dir;
-    CallJournal journal;
-    PreferencesStore store{dir.path()};
-    ManualClock clock;
-    AppState state{&store, &clock};
-    RecordingDetector detector{journal};
-    RecordingAudio audio{journal};
-    FakePackManager packs{journal};
-    RecordingEngine engine{journal};
-    RecordingDesktop desktop{journal};
     std::unique_ptr<MenuBarController> menuBar =
-        std::make_unique<MenuBarController>(state, detector, audio, packs, engine, desktop);
+        std::make_unique<MenuBarController>(*state, detector, audio, packs, engine, desktop);
 };
 
 }  // namespace
