@@ -233,7 +233,11 @@ def open_menu(session, app, icon):
         candidates = [r for r in new.values() if r[2] >= 60 and r[3] >= 40]
         return candidates[0] if candidates else None
 
-    menu = wait_for(menu_window, 5, "a menu window after a right click on the icon", session.logs)
+    try:
+        menu = wait_for(menu_window, 5, "a menu window after a right click on the icon", session.logs)
+    except Failure:
+        print(f"(no menu: see {session.shot(f'menu-missing-{len(session.menus) + 1}')})")
+        raise
     try:
         said = geometry(wait_event(app, r"menu shown at (.*)", 0.3).group(1))
     except Failure:

@@ -23,6 +23,21 @@ void expectOneEvent(const RunResult& r, const std::string& severity) {
     EXPECT_EQ(m[1], severity);
 }
 
+// The device lying still: the helper reads it as `firstLine` says and reports nothing. Then
+// with `jolt` while it runs: exactly one event of `severity`.
+void expectStillThenOneEvent(const std::vector<std::string>& deviceOptions,
+                             const std::string& firstLine, const std::string& jolt,
+                             const std::string& severity) {
+    const auto still = underUmockdev(deviceOptions, whileRunning(""));
+    EXPECT_EQ(still.exitCode, 0) << still.err;
+    EXPECT_EQ(still.firstLine(), firstLine);
+    EXPECT_TRUE(still.jsonLines().empty()) << still.out;
+
+    const auto spike = underUmockdev(deviceOptions, whileRunning(jolt));
+    EXPECT_EQ(spike.exitCode, 0) << spike.err;
+    expectOneEvent(spike, severity);
+}
+
 }  // namespace
 
 TEST(HelperDeviceTest, LisEvdevSpikeGivesExactlyOneEvent) {
@@ -58,38 +73,22 @@ TEST(HelperDeviceTest, EvdevWithOnlyAxisInfo) {
 
 TEST(HelperDeviceTest, IioSysfsWithMountMatrix) {
     const std::string z = kIio + "/in_accel_z_raw";
-    const auto still = underUmockdev(device("iio-poll-i2c-like"), whileRunning(""));
-    EXPECT_EQ(still.exitCode, 0) << still.err;
-    // As root at the highest rate it offers up to 200 Hz.
-    EXPECT_EQ(still.firstLine(),
-              std::string("reading iio:device0 (test-accel-i2c, accel-display) through the "
-                          "IIO sysfs polling at ") +
-                  (::geteuid() == 0 ? "125.0" : "100.0") + " Hz");
-    EXPECT_TRUE(still.jsonLines().empty()) << still.out;
-
-    const auto spike =
-        underUmockdev(device("iio-poll-i2c-like"),
-                      whileRunning("echo 700 > " + z + "; sleep 0.2; echo 31 > " + z));
-    EXPECT_EQ(spike.exitCode, 0) << spike.err;
-    // z goes from 31 to 700 counts (1024 per g) and back: a jolt of about 0.65 g, though |a|
-    // only grows to about 1.21 g.
-    expectOneEvent(spike, "smack");
+    // As root at the highest rate it offers up to 200 Hz. z goes from 31 to 700 counts (1024
+    // per g) and back: a jolt of about 0.65 g, though |a| only grows to about 1.21 g.
+    expectStillThenOneEvent(device("iio-poll-i2c-like"),
+                            std::string("reading iio:device0 (test-accel-i2c, accel-display) "
+                                        "through the IIO sysfs polling at ") +
+                                (::geteuid() == 0 ? "125.0" : "100.0") + " Hz",
+                            "echo 700 > " + z + "; sleep 0.2; echo 31 > " + z, "smack");
 }
 
 TEST(HelperDeviceTest, IioSysfsWithHidSizedValues) {
     const std::string y = kIio.substr(0, kIio.size() - 1) + "1/in_accel_y_raw";
-    const auto still = underUmockdev(device("iio-poll-hid-like"), whileRunning(""));
-    EXPECT_EQ(still.exitCode, 0) << still.err;
-    EXPECT_EQ(still.firstLine(),
-              "reading iio:device1 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
-    EXPECT_TRUE(still.jsonLines().empty()) << still.out;
-
     // -957076 × 0.00001 m/s² is 0.976 g; -1100000 is 1.12 g.
-    const auto spike =
-        underUmockdev(device("iio-poll-hid-like"),
-                      whileRunning("echo -1100000 > " + y + "; sleep 0.25; echo -957076 > " + y));
-    EXPECT_EQ(spike.exitCode, 0) << spike.err;
-    expectOneEvent(spike, "slap");
+    expectStillThenOneEvent(
+        device("iio-poll-hid-like"),
+        "reading iio:device1 (accel_3d) through the IIO sysfs polling at 10.0 Hz",
+        "echo -1100000 > " + y + "; sleep 0.25; echo -957076 > " + y, "slap");
 }
 
 TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
