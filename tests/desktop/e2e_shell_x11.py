@@ -234,7 +234,8 @@ def open_menu(session, app, icon):
         return candidates[0] if candidates else None
 
     try:
-        menu = wait_for(menu_window, 5, "a menu window after a right click on the icon", session.logs)
+        # Plasma, busy reloading its theme on a loaded machine, has taken over 5 s.
+        menu = wait_for(menu_window, 15, "a menu window after a right click on the icon", session.logs)
     except Failure:
         print(f"(no menu: see {session.shot(f'menu-missing-{len(session.menus) + 1}')})")
         raise
