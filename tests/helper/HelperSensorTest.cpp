@@ -30,6 +30,22 @@ std::string jolt(const std::string& axis, int rest, int counts) {
            std::to_string(rest) + " > " + file;
 }
 
+// For each way the helper is stopped: while it reads as `firstLine` says, the device's
+// `setting` reads `running`; once it has ended, `after` again.
+void expectChangedAndPutBackOnEverySignal(const std::vector<std::string>& deviceOptions,
+                                          const std::string& setting, const std::string& firstLine,
+                                          const std::string& running, const std::string& after) {
+    for (const char* signal : {"TERM", "INT", "HUP"}) {
+        const auto r = underUmockdev(
+            deviceOptions, whileRunning("echo \"running=$(cat " + setting + ")\" >&2",
+                                        "echo \"after=$(cat " + setting + ")\" >&2", signal));
+        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
+        EXPECT_EQ(r.firstLine(), firstLine) << signal;
+        EXPECT_NE(r.err.find("running=" + running + "\n"), std::string::npos) << signal << r.err;
+        EXPECT_NE(r.err.find("after=" + after + "\n"), std::string::npos) << signal << r.err;
+    }
+}
+
 }  // namespace
 
 TEST(HelperSensorTest, ABiasedStillDeviceGivesNoEventOverTenSeconds) {
@@ -66,22 +82,13 @@ TEST(HelperSensorTest, ASidewaysSlapOnAMachineOnItsSideGivesOneEvent) {
 }
 
 TEST(HelperSensorTest, TheSysfsRateIsRaisedAndPutBackOnEverySignal) {
-    const std::string rate = kIio + "/sampling_frequency";
-    for (const char* signal : {"TERM", "INT", "HUP"}) {
-        const auto r = underUmockdev(
-            iioPoll(), whileRunning("echo \"running=$(cat " + rate + ")\" >&2",
-                                    "echo \"after=$(cat " + rate + ")\" >&2", signal));
-        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
-        // The highest rate offered up to 200 Hz; polled at that rate.
-        EXPECT_EQ(r.firstLine(),
-                  std::string("reading iio:device0 (test-accel-i2c, accel-display) through the "
-                              "IIO sysfs polling at ") +
-                      (kRoot ? "125.0" : "100.0") + " Hz")
-            << signal;
-        EXPECT_NE(r.err.find(kRoot ? "running=125\n" : "running=100.000000\n"), std::string::npos)
-            << signal << r.err;
-        EXPECT_NE(r.err.find("after=100.000000\n"), std::string::npos) << signal << r.err;
-    }
+    // The highest rate offered up to 200 Hz; polled at that rate.
+    expectChangedAndPutBackOnEverySignal(
+        iioPoll(), kIio + "/sampling_frequency",
+        std::string("reading iio:device0 (test-accel-i2c, accel-display) through the IIO sysfs "
+                    "polling at ") +
+            (kRoot ? "125.0" : "100.0") + " Hz",
+        kRoot ? "125" : "100.000000", "100.000000");
 }
 
 TEST(HelperSensorTest, TheBufferRateIsRaisedAndPutBack) {
@@ -101,22 +108,11 @@ TEST(HelperSensorTest, TheBufferRateIsRaisedAndPutBack) {
 }
 
 TEST(HelperSensorTest, TheInputDevicePollIsLoweredAndPutBackOnEverySignal) {
-    const std::string poll = "/sys/class/input/event7/device/poll";
-    for (const char* signal : {"TERM", "INT", "HUP"}) {
-        const auto r =
-            underUmockdev(lis3Input("lis3-still"),
-                          whileRunning("echo \"running=$(cat " + poll + ")\" >&2",
-                                       "echo \"after=$(cat " + poll + ")\" >&2", signal));
-        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
-        EXPECT_EQ(r.firstLine(),
-                  std::string("reading event7 (ST LIS3LV02DL Accelerometer) through the input "
-                              "device at ") +
-                      (kRoot ? "100.0" : "20.0") + " Hz")
-            << signal;
-        EXPECT_NE(r.err.find(kRoot ? "running=10\n" : "running=50\n"), std::string::npos)
-            << signal << r.err;
-        EXPECT_NE(r.err.find("after=50\n"), std::string::npos) << signal << r.err;
-    }
+    expectChangedAndPutBackOnEverySignal(
+        lis3Input("lis3-still"), "/sys/class/input/event7/device/poll",
+        std::string("reading event7 (ST LIS3LV02DL Accelerometer) through the input device at ") +
+            (kRoot ? "100.0" : "20.0") + " Hz",
+        kRoot ? "10" : "50", "50");
 }
 
 TEST(HelperSensorTest, TheRateIsPutBackWhenNobodyListensAnyMore) {
