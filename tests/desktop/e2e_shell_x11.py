@@ -19,7 +19,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from checks import (Image, contrast_ratio, fmt_rect, icon_contrast, opens_at,  # noqa: E402
+from checks import (Image, changed_columns, contrast_ratio, fmt_rect, icon_contrast, opens_at,  # noqa: E402
                     pad, skip_events, text_rows, wait_event, wait_for)
 from desktop_driver import (App, Failure, click, click_centre, find_windows, geometry,  # noqa: E402
                             keys, run, screenshot)
@@ -110,6 +110,24 @@ AFTER_ICON = ("icon contrast", "panel opens on click", "panel at icon", "panel f
               "secondary texts", "closes on Escape", "closes on click outside",
               "closes on icon click", "menu at icon", "menu opens Settings",
               "menu opens Calibration", "quit")
+
+
+def desktop_before(session, strip):
+    """The screen before the app starts, once the shell has drawn its panel (more than one
+    colour) and the panel holds still between two looks (a task list still laying out, or a
+    panel not yet painted, would pass for the icon later)."""
+    last = {}
+
+    def still():
+        image = session.image("desktop")
+        previous, last["image"] = last.get("image"), image
+        drawn = len(set(image.pixels(strip))) > 1
+        if previous is not None and drawn and not changed_columns(previous, image, strip):
+            return image
+        return None
+
+    return wait_for(still, 30, "the shell's panel to be drawn and hold still", session.logs,
+                    interval=0.5)
 
 
 def run_checks(session, app, host, before, strip):
@@ -341,7 +359,7 @@ def main():
 
     strip = panel_strip()
     print(f"{session.desktop}: panel at {fmt_rect(strip)}")
-    before = session.image("desktop")
+    before = desktop_before(session, strip)
 
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     # The app reads the session's own settings (colours, theme), as it would when a user starts it.
