@@ -184,13 +184,12 @@ def text_contrast(image, rect, what, minimum=4.5, min_pixels=1):
     return Measure(what, fore, back, ratio, minimum)
 
 
-def changed_rect(before, after, area=None, tolerance=24):
-    """The bounding box (x, y, w, h) of the pixels that differ between two screenshots of the
-    same size, within `area` when given; None when nothing changed."""
+def changed_pixels(before, after, area=None, tolerance=24):
+    """The pixels (x, y) within `area` (default: all) that differ between two screenshots of
+    the same size by more than `tolerance` (the sum over the three channels), row by row."""
     if (before.width, before.height) != (after.width, after.height):
         raise Failure("screenshots of different sizes")
     x, y, w, h = before.clip(area or (0, 0, before.width, before.height))
-    xs, ys = [], []
     for row in range(y, y + h):
         i = (row * before.width + x) * 3
         a, b = before.data[i:i + w * 3], after.data[i:i + w * 3]
@@ -199,28 +198,27 @@ def changed_rect(before, after, area=None, tolerance=24):
         for col in range(w):
             j = col * 3
             if (abs(a[j] - b[j]) + abs(a[j + 1] - b[j + 1]) + abs(a[j + 2] - b[j + 2])) > tolerance:
-                xs.append(x + col)
-                ys.append(row)
-    if not xs:
+                yield x + col, row
+
+
+def changed_rect(before, after, area=None, tolerance=24):
+    """The bounding box (x, y, w, h) of the pixels that differ between two screenshots of the
+    same size, within `area` when given; None when nothing changed."""
+    changed = list(changed_pixels(before, after, area, tolerance))
+    if not changed:
         return None
+    xs = [x for x, _ in changed]
+    ys = [y for _, y in changed]
     return (min(xs), min(ys), max(xs) - min(xs) + 1, max(ys) - min(ys) + 1)
 
 
 def changed_columns(before, after, area, tolerance=24, gap=6):
     """Like `changed_rect`, but split into runs of changed columns at least `gap` pixels apart:
     [(x, y, w, h)] from left to right. Tells a new tray icon from a clock that ticked."""
-    x, y, w, h = before.clip(area)
     cols = {}
-    for row in range(y, y + h):
-        i = (row * before.width + x) * 3
-        a, b = before.data[i:i + w * 3], after.data[i:i + w * 3]
-        if a == b:
-            continue
-        for col in range(w):
-            j = col * 3
-            if (abs(a[j] - b[j]) + abs(a[j + 1] - b[j + 1]) + abs(a[j + 2] - b[j + 2])) > tolerance:
-                lo, hi = cols.get(x + col, (row, row))
-                cols[x + col] = (min(lo, row), max(hi, row))
+    for x, y in changed_pixels(before, after, area, tolerance):
+        lo, hi = cols.get(x, (y, y))
+        cols[x] = (min(lo, y), max(hi, y))
     runs = []
     for c in sorted(cols):
         lo, hi = cols[c]

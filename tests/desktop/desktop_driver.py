@@ -4,12 +4,14 @@
 Starts the app with BONKWELL_TEST_EVENTS set and follows its "bonkwell-event: …" lines on
 stderr; clicks with xdotool; talks to a StatusNotifier item over D-Bus; takes screenshots.
 """
+import argparse
 import json
 import os
 import queue
 import re
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
@@ -137,6 +139,19 @@ def drive(app, steps, *args):
     finally:
         app.stop()
     return 0
+
+
+def session_args(*trays):
+    """The arguments of a test run inside session.sh: --app BIN and --tray, one of `trays`."""
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--tray", required=True, choices=list(trays))
+    return parser.parse_args()
+
+
+def fresh_home():
+    """A new folder for the app's settings and data, inside the session's scratch folder."""
+    return tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
 
 
 def geometry(text):

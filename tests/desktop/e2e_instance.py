@@ -9,15 +9,14 @@ panel (xembed) or brings its window back (none); a third start with the panel al
 keeps it open. Only the first process is left running. After the first copy quits, a new
 start runs normally (checked with the tray).
 """
-import argparse
 import os
 import subprocess
 import sys
-import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop_driver import App, Failure, drive, find_windows, run, wait_window  # noqa: E402
+from desktop_driver import (App, Failure, drive, fresh_home, run, session_args,  # noqa: E402
+                            wait_window)
 
 
 def start_again(args, app, label):
@@ -99,11 +98,8 @@ def normal_start(app):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--app", required=True)
-    parser.add_argument("--tray", required=True, choices=["xembed", "none"])
-    args = parser.parse_args()
-    home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
+    args = session_args("xembed", "none")
+    home = fresh_home()
     app = App(args.app, home)
     code = drive(app, first_copy, args, app)
     if code != 0 or args.tray != "xembed":  # (without a tray a start waits 30 s for one first)

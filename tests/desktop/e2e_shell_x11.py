@@ -19,15 +19,14 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from checks import (Checks, Image, ShellLogs, changed_columns, pad, dominant_colour, fmt_rect,  # noqa: E402
-                    icon_contrast, opens_at, text_contrast, text_rows, wait_event, wait_for, skip_events,
-                    contrast_ratio)
+from checks import (Image, changed_columns, contrast_ratio, fmt_rect, icon_contrast, opens_at,  # noqa: E402
+                    pad, skip_events, text_rows, wait_event, wait_for)
 from desktop_driver import (App, Failure, click, click_centre, find_windows, geometry,  # noqa: E402
                             keys, run, screenshot)
 from e2e_tray import icon_rect as xembed_icon_rect  # noqa: E402
-
-SECONDARY_TEXTS = ("sensitivityValue", "sensitivityHint", "volumeValue", "engineStatusLabel")
-CAPTIONS = {"todayCount": "Today", "totalCount": "Total"}
+from shell_steps import (MENU, Found, ShellSession, find_drawn_icon, hidden_by,  # noqa: E402
+                         menu_windows, panel_widgets, quit_from_menu, run_app_checks,
+                         secondary_texts, skip_all)
 
 
 def panel_strip():
@@ -74,53 +73,61 @@ def viewable_windows():
     return found
 
 
-class Session:
+class Session(ShellSession):
     def __init__(self, args):
-        self.args = args
-        self.desktop = f"{os.environ['BONKWELL_SHELL']}-{os.environ['BONKWELL_THEME']}"
+        desktop = f"{os.environ['BONKWELL_SHELL']}-{os.environ['BONKWELL_THEME']}"
         if os.environ.get("BONKWELL_TRAY"):
-            self.desktop += f"-{os.environ['BONKWELL_TRAY']}"
-        self.logs = ShellLogs(os.environ["BONKWELL_SHELL_LOGS"])
-        self.checks = Checks(self.desktop)
-        self.shots = args.shots
+            desktop += f"-{os.environ['BONKWELL_TRAY']}"
+        super().__init__(desktop, args.shots, os.environ["BONKWELL_SHELL_LOGS"])
+        self.menus = []  # (menu window, where the app said it showed it or None, why away)
 
-    def shot(self, name):
-        path = os.path.join(self.shots, f"{self.desktop}-{name}.png")
+    def capture(self, path):
         screenshot(path)
-        return path
+
+    def click_menu_entry(self, app, icon, label):
+        click_menu_entry(self, app, icon, label)
+
+    def has_window(self, app, title):
+        return find_windows(title)
+
+    def close_window(self, app, title):
+        run("wmctrl", "-c", title)
 
 
-def find_sni_icon(session, strip, before):
-    """Where a host drawing the icon itself put it: what changed in the panel since the app
-    started, once it stops changing, on a spot that was bare panel before (a clock that
-    ticked meanwhile changed where digits already were)."""
-    limit = strip[3] * 2
+def pick_nearest_end(session):
+    def pick(runs):
+        if len(runs) > 1:
+            # Something else came up meanwhile (a task button for a window of the shell's own):
+            # the tray sits at the panel's end, the task list before it.
+            print("new in the panel: " + ", ".join(fmt_rect(r) for r in runs) +
+                  "; taking the one nearest the end", flush=True)
+            print(f"(see {session.shot('icon-candidates')})")
+        return runs[-1]
+    return pick
 
-    def bare_before(rect):
-        pixels = before.pixels(rect)
-        common = dominant_colour(pixels)
-        return sum(1 for p in pixels if p == common) >= 0.9 * len(pixels)
 
-    def settled():
-        first = Image.load(session.shot("icon-probe"))
-        time.sleep(0.4)
-        second = Image.load(session.shot("icon-probe"))
-        if changed_columns(first, second, strip):
-            return None
-        runs = [r for r in changed_columns(before, second, strip)
-                if 6 <= r[2] <= limit and r[3] >= 6 and bare_before(r)]
-        return (runs, second) if runs else None
+AFTER_ICON = ("icon contrast", "panel opens on click", "panel at icon", "panel focused",
+              "secondary texts", "closes on Escape", "closes on click outside",
+              "closes on icon click", "menu at icon", "menu opens Settings",
+              "menu opens Calibration", "quit")
 
-    runs, after = wait_for(settled, 15, "the icon drawn in the panel", session.logs, interval=0.2)
-    os.remove(os.path.join(session.shots, f"{session.desktop}-icon-probe.png"))
-    if len(runs) > 1:
-        # Something else came up meanwhile (a task button for a window of the shell's own):
-        # the tray sits at the panel's end, the task list before it.
-        print("new in the panel: " + ", ".join(fmt_rect(r) for r in runs) +
-              "; taking the one nearest the end", flush=True)
-        after_path = session.shot("icon-candidates")
-        print(f"(see {after_path})")
-    return pad(runs[-1], 2, strip), after
+
+def desktop_before(session, strip):
+    """The screen before the app starts, once the shell has drawn its panel (more than one
+    colour) and the panel holds still between two looks (a task list still laying out, or a
+    panel not yet painted, would pass for the icon later)."""
+    last = {}
+
+    def still():
+        image = session.image("desktop")
+        previous, last["image"] = last.get("image"), image
+        drawn = len(set(image.pixels(strip))) > 1
+        if previous is not None and drawn and not changed_columns(previous, image, strip):
+            return image
+        return None
+
+    return wait_for(still, 30, "the shell's panel to be drawn and hold still", session.logs,
+                    interval=0.5)
 
 
 def run_checks(session, app, host, before, strip):
@@ -143,17 +150,14 @@ def run_checks(session, app, host, before, strip):
 
             rect = wait_for(placed, 15, "the icon's window to settle in the panel", logs, interval=0.3)
             time.sleep(0.3)
-            return rect, Image.load(session.shot("icon"))
-        rect, image = find_sni_icon(session, strip, before)
+            return Found((rect, session.image("icon")))
+        found = find_drawn_icon(session, strip, before, "panel", pick_nearest_end(session))
         session.shot("icon")
-        return rect, image
+        return found
 
-    found = checks.run("icon appears", lambda: _described(icon_appears()))
+    found = checks.run("icon appears", icon_appears)
     if not found:
-        for name in ("icon contrast", "panel opens on click", "panel at icon", "panel focused",
-                     "secondary texts", "closes on Escape", "closes on click outside",
-                     "closes on icon click", "menu at icon", "menu opens Settings", "menu opens Calibration", "quit"):
-            checks.skip(name, "no icon")
+        skip_all(checks, AFTER_ICON, "no icon")
         return
     icon, image = found
     print(f"icon at {fmt_rect(icon)}")
@@ -167,42 +171,33 @@ def run_checks(session, app, host, before, strip):
         shown["at"] = app.last_event
         return geometry(m.group(1))
 
-    def panel_widgets():
-        widgets = {}
-        while True:
-            try:
-                m = wait_event(app, r"panel widget (\S+) at (.*)", 1)
-            except Failure:
-                return widgets
-            widgets[m.group(1)] = geometry(m.group(2))
-            if SECONDARY_TEXTS[0] in widgets and all(k in widgets for k in SECONDARY_TEXTS) \
-                    and all(k in widgets for k in CAPTIONS) and "quitButton" in widgets:
-                return widgets
-
     panel = checks.run("panel opens on click", open_panel)
     if panel:
         checks.run("panel at icon", lambda: _no_reason(opens_at(panel, icon)) or fmt_rect(panel))
-        widgets = panel_widgets()
+        widgets = panel_widgets(app)
         checks.run("panel focused", lambda: wait_event(app, r"panel active", 5, logs, since=shown["at"])
                    and "panel active")
         time.sleep(0.3)
-        shot = Image.load(session.shot("panel"))
-        checks.run("secondary texts", secondary_texts, shot, widgets)
+        checks.run("secondary texts", secondary_texts, session.image("panel"), widgets)
         keys("Escape")
         checks.run("closes on Escape", closed, app, logs, "escape", panel)
     else:
-        for name in ("panel at icon", "panel focused", "secondary texts", "closes on Escape"):
-            checks.skip(name, "the panel did not open")
+        skip_all(checks, ("panel at icon", "panel focused", "secondary texts", "closes on Escape"),
+                 "the panel did not open")
 
-    def close_by_click_outside():
+    def reopen(pause):
+        """Opens the panel afresh with a click on the icon; returns where it is."""
         if not checks.passed("panel opens on click"):
             raise Failure("the panel did not open")
         skip_events(app)
-        time.sleep(0.5)
+        time.sleep(pause)
         click_centre(icon, 1)
         m = wait_event(app, r"panel shown at (.*)", 10, logs)
-        rect = geometry(m.group(1))
-        time.sleep(0.3)
+        time.sleep(pause - 0.1)
+        return geometry(m.group(1))
+
+    def close_by_click_outside():
+        rect = reopen(0.4)
         # Somewhere on the desktop, away from the panel and the tray.
         click(40 if rect[0] > 300 else 1200, 500)
         return closed(app, logs, "focus-lost", rect)
@@ -210,14 +205,7 @@ def run_checks(session, app, host, before, strip):
     checks.run("closes on click outside", close_by_click_outside)
 
     def close_by_icon_click():
-        if not checks.passed("panel opens on click"):
-            raise Failure("the panel did not open")
-        skip_events(app)
-        time.sleep(0.4)
-        click_centre(icon, 1)
-        m = wait_event(app, r"panel shown at (.*)", 10, logs)
-        rect = geometry(m.group(1))
-        time.sleep(0.4)
+        rect = reopen(0.5)
         click_centre(icon, 1)
         # A popup that holds the pointer swallows that click: the tray never hears of it, and
         # to the app it is a click elsewhere. Either way it must close and stay closed.
@@ -230,19 +218,11 @@ def run_checks(session, app, host, before, strip):
 
     checks.run("closes on icon click", close_by_icon_click)
 
-    checks.run("menu at icon", menu_places, session, icon)
-    for label, title in (("Settings", "Bonkwell Settings"), ("Calibration", "Bonkwell Calibration")):
-        checks.run(f"menu opens {label}", menu_entry, session, app, icon, f"{label}\u2026", title)
+    checks.run("menu at icon", menu_places, session, app, icon)
+    menu_windows(session, app, icon)
     if os.environ["BONKWELL_SHELL"] == "kde":
         checks.run("icon follows theme change", follow_theme, session, icon, image)
     checks.run("quit", quit_from_menu, session, app, icon)
-
-
-class _described(tuple):
-    """(icon rectangle, screenshot) that prints as the rectangle."""
-
-    def describe(self):
-        return f"icon at {fmt_rect(self[0])}"
 
 
 def _no_reason(reason):
@@ -252,36 +232,17 @@ def _no_reason(reason):
 
 
 def closed(app, logs, reason, rect=None):
-    wait_event(app, r"panel hidden", 5, logs)
-    try:
-        said = wait_event(app, r"panel hidden by (\S+)", 2).group(1)
-    except Failure:
-        said = "(no reason given)"
-    reasons = reason if isinstance(reason, tuple) else (reason,)
-    if said not in reasons:
-        raise Failure(f"the panel closed, but by {said}, not by {' or '.join(reasons)}")
+    said = hidden_by(app, logs, reason if isinstance(reason, tuple) else (reason,))
     if rect is not None and rect in viewable_windows().values():
         raise Failure(f"the panel said it hid but is still on screen at {fmt_rect(rect)}")
     return f"hidden by {said}"
 
 
-def secondary_texts(shot, widgets):
-    measures = []
-    for name in SECONDARY_TEXTS:
-        if name not in widgets:
-            raise Failure(f"the panel reported no {name}: {sorted(widgets)}")
-        measures.append(text_contrast(shot, widgets[name], name))
-    for value, caption in CAPTIONS.items():
-        if value not in widgets:
-            raise Failure(f"the panel reported no {value}")
-        x, y, w, _ = widgets[value]
-        # The caption sits right above its counter, one caption line high.
-        measures.append(text_contrast(shot, (x, y - 15, w, 15), f"\"{caption}\" caption"))
-    return measures
-
-
-def open_menu(session, icon):
-    """Right-clicks the icon; returns the menu window's rectangle (a new top-level window)."""
+def open_menu(session, app, icon):
+    """Right-clicks the icon; returns the menu window's rectangle (a new top-level window).
+    Each menu is noted in `session.menus` with where it was and, when the app drew it (a host
+    that asks the item to show its menu), where the app says it showed it."""
+    skip_events(app)
     before = viewable_windows()
     click_centre(icon, 3)
 
@@ -290,7 +251,30 @@ def open_menu(session, icon):
         candidates = [r for r in new.values() if r[2] >= 60 and r[3] >= 40]
         return candidates[0] if candidates else None
 
-    return wait_for(menu_window, 5, "a menu window after a right click on the icon", session.logs)
+    try:
+        # Plasma, busy reloading its theme on a loaded machine, has taken over 5 s.
+        menu = wait_for(menu_window, 15, "a menu window after a right click on the icon", session.logs)
+    except Failure:
+        print(f"(no menu: see {session.shot(f'menu-missing-{len(session.menus) + 1}')})")
+        raise
+    try:
+        said = geometry(wait_event(app, r"menu shown at (.*)", 0.3).group(1))
+    except Failure:
+        said = None
+    reason = opens_at(menu, icon) or (said and opens_at(said, icon))
+    session.menus.append((menu, said, reason))
+    if reason:
+        session.shot(f"menu-away-{len(session.menus)}")
+    return menu
+
+
+def menu_tally(session):
+    """One line on every menu the run opened: how many opened at the icon."""
+    away = [reason for _, _, reason in session.menus if reason]
+    drawn = sum(1 for _, said, _ in session.menus if said)
+    line = (f"{session.desktop}: {len(session.menus) - len(away)} of {len(session.menus)} menus "
+            f"opened at the icon ({drawn} drawn by the app)")
+    return line + "".join(f"\n  away: {reason}" for reason in away)
 
 
 KDE_THEMES = {"light": ("default", "BreezeLight"), "dark": ("breeze-dark", "BreezeDark")}
@@ -309,7 +293,7 @@ def follow_theme(session, icon, image):
     behind = icon_contrast(image, icon).back
 
     def repainted():
-        shot = Image.load(session.shot(f"icon-{other}"))
+        shot = session.image(f"icon-{other}")
         measure = icon_contrast(shot, icon)
         return measure if contrast_ratio(measure.back, behind) > 1.5 else None
 
@@ -319,7 +303,7 @@ def follow_theme(session, icon, image):
     measure = first
     while not measure.ok and time.monotonic() < deadline:
         time.sleep(0.3)
-        measure = icon_contrast(Image.load(session.shot(f"icon-{other}")), icon)
+        measure = icon_contrast(session.image(f"icon-{other}"), icon)
     measure.what = f"after switching to {other}: {measure.what}"
     return measure
 
@@ -327,35 +311,31 @@ def follow_theme(session, icon, image):
 MENU_OPENS = 6
 
 
-def menu_places(session, icon):
+def menu_places(session, app, icon):
     """Opens the menu several times (a menu that opens away from the icon only now and then
     is still wrong); each must open at the icon."""
-    places = []
+    first = len(session.menus)
     for n in range(MENU_OPENS):
-        menu = open_menu(session, icon)
+        menu = open_menu(session, app, icon)
         time.sleep(0.3)
         if n == 0:
             session.shot("menu")
-        places.append(menu)
-        if opens_at(menu, icon):
-            session.shot("menu-away")
         keys("Escape")
         wait_for(lambda: menu not in viewable_windows().values(), 5, "the menu to close on Escape",
                  session.logs)
         time.sleep(0.2)
-    far = [reason for reason in (opens_at(m, icon) for m in places) if reason]
+    opened = session.menus[first:]
+    far = [reason for _, _, reason in opened if reason]
     if far:
         raise Failure(f"{len(far)} of {MENU_OPENS} menus opened away from the icon: " + "; ".join(far))
-    return f"{MENU_OPENS} of {MENU_OPENS} at the icon: " + ", ".join(fmt_rect(m) for m in sorted(set(places)))
+    return (f"{MENU_OPENS} of {MENU_OPENS} at the icon: " +
+            ", ".join(fmt_rect(m) for m in sorted(set(m for m, _, _ in opened))))
 
 
-MENU = ("Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell")
-
-
-def click_menu_entry(session, icon, label):
+def click_menu_entry(session, app, icon, label):
     """Opens the menu and clicks `label` with the pointer: the menu's lines of text are its
     entries, in order."""
-    menu = open_menu(session, icon)
+    menu = open_menu(session, app, icon)
     time.sleep(0.4)
     path = session.shot("menu-probe")
     rows = text_rows(Image.load(path), menu)
@@ -365,25 +345,6 @@ def click_menu_entry(session, icon, label):
                       f"{len(MENU)} entries {MENU}")
     top, bottom = rows[MENU.index(label)]
     click(menu[0] + min(70, menu[2] // 3), (top + bottom) // 2)
-
-
-def menu_entry(session, app, icon, label, title):
-    click_menu_entry(session, icon, label)
-    wait_event(app, rf"window shown {title}", 10, session.logs)
-    wait_for(lambda: find_windows(title), 10, f"a window titled {title!r}", session.logs)
-    time.sleep(0.4)
-    session.shot(title.split()[-1].lower())
-    run("wmctrl", "-c", title)
-    wait_for(lambda: not find_windows(title), 10, f"{title} to close", session.logs)
-    return f"{title} opened"
-
-
-def quit_from_menu(session, app, icon):
-    click_menu_entry(session, icon, "Quit Bonkwell")
-    code = app.wait_exit(15)
-    if code != 0:
-        raise Failure(f"the app exited with {code}")
-    return "exit status 0"
 
 
 def main():
@@ -398,7 +359,7 @@ def main():
 
     strip = panel_strip()
     print(f"{session.desktop}: panel at {fmt_rect(strip)}")
-    before = Image.load(session.shot("desktop"))
+    before = desktop_before(session, strip)
 
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     # The app reads the session's own settings (colours, theme), as it would when a user starts it.
@@ -407,17 +368,9 @@ def main():
     if tray == "xembed":
         env["DBUS_SESSION_BUS_ADDRESS"] = os.environ["BONKWELL_APP_BUS"]
     app = App(args.app, home, extra_env=env)
-    try:
-        run_checks(session, app, host, before, strip)
-        session.checks.finish()
-    except Failure as failure:
-        print(f"FAILED: {failure}", file=sys.stderr)
-        print("app log:\n" + "\n".join(app.log[-40:]), file=sys.stderr)
-        print("shell log:\n" + session.logs.tail(), file=sys.stderr)
-        return 1
-    finally:
-        app.stop()
-    return 0
+    status = run_app_checks(session, app, run_checks, session, app, host, before, strip)
+    print(menu_tally(session))
+    return status
 
 
 if __name__ == "__main__":

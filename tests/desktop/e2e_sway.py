@@ -10,6 +10,8 @@ panel as a compact floating window (never tiled, not stretched) with the keyboar
 click elsewhere and a second click on the icon close it; the secondary texts read (4.5:1); a
 right click opens the bar's menu at the icon, whose entries open Settings and Calibration;
 "Quit Bonkwell" ends the app with status 0.
+On a HiDPI output (BONKWELL_SCALE=2) also: the panel shows whole, its bottom row drawn inside
+the window and on screen, and it keeps its logical size when the output goes back to scale 1.
 Without a bar: the Bonkwell window is on screen within 3 s of the start, and closing it ends
 the app with status 0.
 Clicks go through sway's seat cursor (a virtual pointer gives the headless seat a pointer),
@@ -23,11 +25,11 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from checks import (Checks, Image, ShellLogs, changed_columns, pad, changed_rect,  # noqa: E402
-                    dominant_colour, fmt_rect, icon_contrast, opens_at, text_contrast, text_rows,
-                    wait_event, wait_for, skip_events)
+from checks import (Image, changed_rect, fmt_rect, icon_contrast, opens_at, skip_events,  # noqa: E402
+                    text_contrast, text_rows, wait_event, wait_for)
 from desktop_driver import App, Failure, geometry, run  # noqa: E402
-from e2e_shell_x11 import CAPTIONS, SECONDARY_TEXTS  # noqa: E402
+from shell_steps import (MENU, ShellSession, find_drawn_icon, hidden_by, menu_windows,  # noqa: E402
+                         panel_widgets, quit_from_menu, run_app_checks, secondary_texts, skip_all)
 
 # Where the pointer rests while the screen is compared: the bottom left corner.
 REST = (2, 797)
@@ -95,48 +97,41 @@ def bar_strip():
     return (0, 0, 1280, r["y"])
 
 
-class Session:
+class Session(ShellSession):
     def __init__(self):
-        self.desktop = f"sway-{os.environ.get('BONKWELL_BAR', 'waybar')}"
-        self.logs = ShellLogs(os.environ["BONKWELL_SHELL_LOGS"])
-        self.checks = Checks(self.desktop)
-        self.shots = os.environ["BONKWELL_SHOTS"]
+        # The output's scale: screenshots are taken at 1 (one pixel a logical pixel, where
+        # sway and the app say things are) unless a check needs the output's own pixels.
+        self.scale = int(os.environ.get("BONKWELL_SCALE", "1"))
+        desktop = f"sway-{os.environ.get('BONKWELL_BAR', 'waybar')}"
+        if self.scale != 1:
+            desktop += f"-scale{self.scale}"
+        super().__init__(desktop, os.environ["BONKWELL_SHOTS"], os.environ["BONKWELL_SHELL_LOGS"])
+        # The check the next menu records its place under (the first menu opened for an entry).
+        self.place_check = None
 
-    def shot(self, name):
-        path = os.path.join(self.shots, f"{self.desktop}-{name}.png")
-        run("grim", path, timeout=30)
-        return path
+    def capture(self, path):
+        run("grim", "-s", "1", path, timeout=30)
+
+    def full_image(self, name):
+        """A screenshot in the output's own pixels (`scale` times the logical size)."""
+        path = self.shot_path(name)
+        run("grim", "-s", str(self.scale), path, timeout=30)
+        return Image.load(path)
+
+    def click_menu_entry(self, app, icon, label):
+        click_menu_entry(self, icon, label)
+
+    def has_window(self, app, title):
+        return [n for n, _ in windows(app.pid) if n.get("name") == title]
+
+    def close_window(self, app, title):
+        swaymsg(f'[pid={app.pid} title="^{title}$"]', "kill")
 
 
-def find_icon(session, strip, before):
-    """waybar draws the icon itself: what changed in the bar since the app started, once it
-    stops changing, on a spot that was bare bar before."""
-
-    def bare_before(rect):
-        pixels = before.pixels(rect)
-        common = dominant_colour(pixels)
-        return sum(1 for p in pixels if p == common) >= 0.9 * len(pixels)
-
-    def settled():
-        first = Image.load(session.shot("icon-probe"))
-        time.sleep(0.4)
-        second = Image.load(session.shot("icon-probe"))
-        if changed_columns(first, second, strip):
-            return None
-        runs = [r for r in changed_columns(before, second, strip)
-                if 6 <= r[2] <= 2 * strip[3] and r[3] >= 6 and bare_before(r)]
-        return (runs, second) if runs else None
-
-    runs, after = wait_for(settled, 15, "the icon drawn in the bar", session.logs, interval=0.2)
-    os.remove(os.path.join(session.shots, f"{session.desktop}-icon-probe.png"))
+def only_one(runs):
     if len(runs) > 1:
         raise Failure("more than one new item in the bar: " + ", ".join(fmt_rect(r) for r in runs))
-    return pad(runs[0], 2, strip), after
-
-
-class Found(tuple):
-    def describe(self):
-        return f"icon at {fmt_rect(self[0])}"
+    return runs[0]
 
 
 def panel_window(app):
@@ -165,13 +160,7 @@ def open_panel(session, app, icon):
 
 
 def closed(session, app, reason):
-    wait_event(app, r"panel hidden", 5, session.logs)
-    try:
-        said = wait_event(app, r"panel hidden by (\S+)", 2).group(1)
-    except Failure:
-        said = "(no reason given)"
-    if said != reason:
-        raise Failure(f"the panel closed, but by {said}, not by {reason}")
+    said = hidden_by(app, session.logs, (reason,))
     wait_for(lambda: panel_window(app) is None, 5, "the panel's window to go", session.logs)
     return f"hidden by {said}"
 
@@ -181,15 +170,14 @@ def run_bar(session, app, strip, before):
 
     def icon_appears():
         wait_event(app, r"tray icon shown \(StatusNotifierItem\)", 30, session.logs)
-        return Found(find_icon(session, strip, before))
+        return find_drawn_icon(session, strip, before, "bar", only_one)
 
     found = checks.run("icon appears", icon_appears)
     if not found:
-        for name in ("icon contrast", "panel opens on click", "panel floats, compact",
-                     "panel focused", "secondary texts", "closes on Escape",
-                     "closes on click outside", "closes on icon click", "menu at icon",
-                     "menu opens Settings", "menu opens Calibration", "quit"):
-            checks.skip(name, "no icon")
+        skip_all(checks, ("icon contrast", "panel opens on click", "panel floats, compact",
+                          "panel focused", "secondary texts", "closes on Escape",
+                          "closes on click outside", "closes on icon click", "menu at icon",
+                          "menu opens Settings", "menu opens Calibration", "quit"), "no icon")
         return
     icon, image = found
     session.shot("icon")
@@ -211,15 +199,7 @@ def run_bar(session, app, strip, before):
             return f"floating at {fmt_rect(rect)}"
 
         checks.run("panel floats, compact", floats)
-        widgets = {}
-        deadline = time.monotonic() + 3
-        while time.monotonic() < deadline and not all(
-                k in widgets for k in SECONDARY_TEXTS + tuple(CAPTIONS)):
-            try:
-                m = wait_event(app, r"panel widget (\S+) at (.*)", 0.5)
-                widgets[m.group(1)] = geometry(m.group(2))
-            except Failure:
-                pass
+        widgets = panel_widgets(app)
 
         def focused():
             wait_event(app, r"panel active", 5, session.logs, since=app.panel_shown)
@@ -230,18 +210,18 @@ def run_bar(session, app, strip, before):
 
         checks.run("panel focused", focused)
         time.sleep(0.3)
-        shot = Image.load(session.shot("panel"))
-        # Qt places widgets relative to where it thinks the window is; sway knows where it is.
-        origin = content_rect(node)
-        dx, dy = origin[0] - reported[0], origin[1] - reported[1]
-        placed = {k: (x + dx, y + dy, w, h) for k, (x, y, w, h) in widgets.items()}
+        # Texts are read in the output's own pixels: at scale 2 each logical pixel is four.
+        shot = session.full_image("panel")
+        placed = scaled(placed_widgets(node, reported, widgets), session.scale)
+        if session.scale != 1:
+            checks.run(f"whole panel at scale {session.scale}", whole_panel, session, node,
+                       reported, widgets, shot)
         checks.run("secondary texts", secondary_texts, shot, placed)
         keys("Escape")
         checks.run("closes on Escape", closed, session, app, "escape")
     else:
-        for name in ("panel floats, compact", "panel focused", "secondary texts",
-                     "closes on Escape"):
-            checks.skip(name, "the panel did not open")
+        skip_all(checks, ("panel floats, compact", "panel focused", "secondary texts",
+                          "closes on Escape"), "the panel did not open")
 
     def by_click_outside():
         reported, node, _ = open_panel(session, app, icon)
@@ -261,27 +241,80 @@ def run_bar(session, app, strip, before):
     checks.run("closes on click outside", by_click_outside)
     time.sleep(0.3)
     checks.run("closes on icon click", by_icon_click)
-    for label, title in (("Settings", "Bonkwell Settings"), ("Calibration", "Bonkwell Calibration")):
-        checks.run(f"menu opens {label}", menu_entry, session, app, icon, f"{label}\u2026", title,
-                   "menu at icon" if label == "Settings" else None)
+    session.place_check = "menu at icon"
+    menu_windows(session, app, icon)
+    if session.scale != 1:
+        if opened:
+            checks.run("same size at scale 1", same_size_at_scale_1, session, app, icon, opened[0])
+        else:
+            checks.skip("same size at scale 1", "the panel did not open")
     checks.run("quit", quit_from_menu, session, app, icon)
 
 
-def secondary_texts(shot, widgets):
-    measures = []
-    for name in SECONDARY_TEXTS:
-        if name not in widgets:
-            raise Failure(f"the panel reported no {name}: {sorted(widgets)}")
-        measures.append(text_contrast(shot, widgets[name], name))
-    for value, caption in CAPTIONS.items():
-        if value not in widgets:
-            raise Failure(f"the panel reported no {value}")
-        x, y, w, _ = widgets[value]
-        measures.append(text_contrast(shot, (x, y - 15, w, 15), f"\"{caption}\" caption"))
-    return measures
+def placed_widgets(node, reported, widgets):
+    """The panel's widgets where they are on screen: Qt places them relative to where it
+    thinks the window is; sway knows where it is."""
+    origin = content_rect(node)
+    dx, dy = origin[0] - reported[0], origin[1] - reported[1]
+    return {k: (x + dx, y + dy, w, h) for k, (x, y, w, h) in widgets.items()}
 
 
-MENU = ("Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell")
+def scaled(rects, factor):
+    return {k: tuple(v * factor for v in r) for k, r in rects.items()}
+
+
+def inside(rect, within):
+    x, y, w, h = rect
+    ax, ay, aw, ah = within
+    return ax <= x and ay <= y and x + w <= ax + aw and y + h <= ay + ah
+
+
+def whole_panel(session, node, reported, widgets, shot):
+    """On a HiDPI output the panel keeps its logical size and shows all of it: sway's window
+    is as large as the panel, lies on the screen, every widget the panel reports lies inside
+    it, and the bottom row (Quit, Settings) is drawn there on the screenshot."""
+    window = content_rect(node)
+    problems = []
+    if (window[2], window[3]) != (reported[2], reported[3]):
+        problems.append(f"sway's window is {window[2]}x{window[3]}, the panel {reported[2]}x{reported[3]}")
+    if not inside(window, (0, 0, 1280, 800)):
+        problems.append(f"the window at {fmt_rect(window)} reaches off the 1280x800 screen")
+    outside = [k for k, r in widgets.items() if not inside(r, reported)]
+    if outside:
+        problems.append("outside the panel: " + ", ".join(f"{k} at {fmt_rect(widgets[k])}" for k in outside))
+    if "quitButton" not in widgets:
+        problems.append(f"the panel reported no quitButton: {sorted(widgets)}")
+    if problems:
+        raise Failure("; ".join(problems))
+    x, y, w, h = scaled(placed_widgets(node, reported, {"q": widgets["quitButton"]}), session.scale)["q"]
+    # Inside the button's frame: its label on its face (the face's shading is row by row, so
+    # its most common colour is one of its rows).
+    inset = 3 * session.scale
+    label = (x + inset, y + inset, w - 2 * inset, h - 2 * inset)
+    drawn = text_contrast(shot, label, "the bottom row's Quit button", minimum=3.0)
+    if not drawn.ok:
+        raise Failure(f"the bottom row is not drawn whole: {drawn}")
+    return (f"{reported[2]}x{reported[3]} at {fmt_rect(window)}, Quit at "
+            f"{fmt_rect(widgets['quitButton'])} inside it; {drawn}")
+
+
+def same_size_at_scale_1(session, app, icon, size_at_scale):
+    """The output goes back to scale 1 (1280x800, the same logical size) while the app runs;
+    the panel opened again has the same logical size as on the HiDPI output."""
+    swaymsg("output", "HEADLESS-1", "mode", "1280x800", "scale", "1")
+    wait_for(lambda: all(o.get("scale") == 1.0 for o in json.loads(swaymsg("-t", "get_outputs", "--raw"))),
+             5, "the output to go to scale 1", session.logs)
+    time.sleep(0.5)
+    reported, node, _ = open_panel(session, app, icon)
+    window = content_rect(node)
+    session.shot("panel-scale1")
+    keys("Escape")
+    closed(session, app, "escape")
+    was = (size_at_scale[2], size_at_scale[3])
+    if (reported[2], reported[3]) != was or (window[2], window[3]) != was:
+        raise Failure(f"at scale 1 the panel is {reported[2]}x{reported[3]} (window "
+                      f"{window[2]}x{window[3]}), at scale {session.scale} it was {was[0]}x{was[1]}")
+    return f"{was[0]}x{was[1]} at scale {session.scale} and at scale 1"
 
 
 def open_menu(session, icon):
@@ -289,13 +322,13 @@ def open_menu(session, icon):
     below the bar) and the screenshot with it."""
     move(*centre_of(icon))
     time.sleep(0.2)
-    before = Image.load(session.shot("menu-probe"))
+    before = session.image("menu-probe")
     click_centre(icon, 3)
     below = icon[1] + icon[3] + 2
 
     def drawn():
         time.sleep(0.2)
-        after = Image.load(session.shot("menu-probe"))
+        after = session.image("menu-probe")
         rect = changed_rect(before, after, (0, below, 1280, 800 - below))
         return (rect, after) if rect and rect[2] >= 60 and rect[3] >= 40 else None
 
@@ -304,14 +337,15 @@ def open_menu(session, icon):
     return found
 
 
-def click_menu_entry(session, icon, label, place_check=None):
+def click_menu_entry(session, icon, label):
     """Opens the menu and clicks `label`: the menu's lines of text are its entries, in order
     (the bar's menu takes no keys: the bar never has the keyboard)."""
     menu, shot = open_menu(session, icon)
-    if place_check:
+    if session.place_check:
         session.shot("menu")
         reason = opens_at(menu, icon)
-        session.checks.record(place_check, reason is None, reason or f"menu at {fmt_rect(menu)}")
+        session.checks.record(session.place_check, reason is None, reason or f"menu at {fmt_rect(menu)}")
+        session.place_check = None
     # The menu may reach up into the bar: read it from the top of the screen, left of the icon.
     right = min(menu[0] + menu[2], icon[0])
     rows = text_rows(shot, (menu[0], 0, right - menu[0], menu[1] + menu[3]))
@@ -326,27 +360,6 @@ def click_menu_entry(session, icon, label, place_check=None):
 def centre_of(rect):
     x, y, w, h = rect
     return (x + w // 2, y + h // 2)
-
-
-def menu_entry(session, app, icon, label, title, place_check):
-    click_menu_entry(session, icon, label, place_check)
-    wait_event(app, rf"window shown {title}", 10, session.logs)
-    wait_for(lambda: [n for n, _ in windows(app.pid) if n.get("name") == title], 10,
-             f"a window titled {title!r} in sway's tree", session.logs)
-    time.sleep(0.4)
-    session.shot(title.split()[-1].lower())
-    swaymsg(f'[pid={app.pid} title="^{title}$"]', "kill")
-    wait_for(lambda: not [n for n, _ in windows(app.pid) if n.get("name") == title], 10,
-             f"{title} to close", session.logs)
-    return f"{title} opened"
-
-
-def quit_from_menu(session, app, icon):
-    click_menu_entry(session, icon, "Quit Bonkwell")
-    code = app.wait_exit(15)
-    if code != 0:
-        raise Failure(f"the app exited with {code}")
-    return "exit status 0"
 
 
 def run_no_bar(session, app):
@@ -390,25 +403,14 @@ def main():
     move(*REST)
     strip = bar_strip() if bar != "none" else None
     time.sleep(0.2)
-    before = Image.load(session.shot("desktop"))
+    before = session.image("desktop")
     home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
     app = App(args.app, home, extra_env={"QT_QPA_PLATFORM": "wayland",
                                          "XDG_CONFIG_HOME": os.environ["XDG_CONFIG_HOME"],
                                          "XDG_DATA_HOME": os.environ["XDG_DATA_HOME"]})
-    try:
-        if strip:
-            run_bar(session, app, strip, before)
-        else:
-            run_no_bar(session, app)
-        session.checks.finish()
-    except Failure as failure:
-        print(f"FAILED: {failure}", file=sys.stderr)
-        print("app log:\n" + "\n".join(app.log[-40:]), file=sys.stderr)
-        print("shell log:\n" + session.logs.tail(), file=sys.stderr)
-        return 1
-    finally:
-        app.stop()
-    return 0
+    if strip:
+        return run_app_checks(session, app, run_bar, session, app, strip, before)
+    return run_app_checks(session, app, run_no_bar, session, app)
 
 
 if __name__ == "__main__":

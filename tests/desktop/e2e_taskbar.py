@@ -11,15 +11,13 @@ none: the window that stands in for the tray never carries the hint: not when it
 not while the switch in Settings (opened from that window) goes on and off, not when it is
 minimised, from where the taskbar brings it back.
 """
-import argparse
 import os
 import sys
-import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop_driver import (App, Failure, click_centre, drive, geometry, keys,  # noqa: E402
-                            run, wait_window, window_property)
+from desktop_driver import (App, Failure, click_centre, drive, fresh_home, geometry,  # noqa: E402
+                            keys, run, session_args, wait_window, window_property)
 from e2e_tray import icon_rect  # noqa: E402
 
 SKIP = "_NET_WM_STATE_SKIP_TASKBAR"
@@ -123,11 +121,8 @@ def run_no_tray(args, app):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--app", required=True)
-    parser.add_argument("--tray", required=True, choices=["xembed", "none"])
-    args = parser.parse_args()
-    home = tempfile.mkdtemp(prefix="bonkwell-home.", dir=os.environ.get("BONKWELL_SESSION_DIR"))
+    args = session_args("xembed", "none")
+    home = fresh_home()
     app = App(args.app, home)
     return drive(app, run_no_tray if args.tray == "none" else run_tray, args, app)
 

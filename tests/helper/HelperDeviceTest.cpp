@@ -2,38 +2,16 @@
 // The helper against emulated accelerometers (umockdev): it finds each kind of device,
 // reports a spike as exactly one JSON line, stays silent on a still device, obeys set
 // commands and puts the device's settings back when it is stopped.
-#include "Subprocess.h"
+#include "UmockdevRun.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <regex>
 
-using bonkwell::test::RunResult;
+using namespace bonkwell::test;
 
 namespace {
-
-const std::string kData = BONKWELL_TEST_DATA "/accel/";
-const std::string kHelper = THUZZ_DETECTOR_PATH;
-const std::string kArgs = " --stdio --detect-only --min-amplitude 0.0500 --cooldown 750";
-const std::string kIio = "/sys/bus/iio/devices/iio:device0";
-
-// Runs `script` (a shell script; $H is the helper with its launch words) under umockdev with
-// the given device options. The script's own exit status is the result's.
-RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std::string& script) {
-    std::vector<std::string> argv = {"umockdev-run"};
-    argv.insert(argv.end(), deviceOptions.begin(), deviceOptions.end());
-    argv.insert(argv.end(), {"--", "sh", "-c", "H='" + kHelper + kArgs + "'\n" + script});
-    return bonkwell::test::run(argv);
-}
-
-// Starts the helper, runs `during` while it works, stops it with SIGTERM and exits with its
-// status.
-std::string whileRunning(const std::string& during, const std::string& after = "",
-                         const std::string& signal = "TERM") {
-    return "$H </dev/null & p=$!\nsleep 0.6\n" + during + "\nsleep 0.4\nkill -" + signal +
-           " $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
-}
 
 void expectOneEvent(const RunResult& r, const std::string& severity) {
     const auto events = r.jsonLines();
@@ -45,13 +23,25 @@ void expectOneEvent(const RunResult& r, const std::string& severity) {
     EXPECT_EQ(m[1], severity);
 }
 
+// The device lying still: the helper reads it as `firstLine` says and reports nothing. Then
+// with `jolt` while it runs: exactly one event of `severity`.
+void expectStillThenOneEvent(const std::vector<std::string>& deviceOptions,
+                             const std::string& firstLine, const std::string& jolt,
+                             const std::string& severity) {
+    const auto still = underUmockdev(deviceOptions, whileRunning(""));
+    EXPECT_EQ(still.exitCode, 0) << still.err;
+    EXPECT_EQ(still.firstLine(), firstLine);
+    EXPECT_TRUE(still.jsonLines().empty()) << still.out;
+
+    const auto spike = underUmockdev(deviceOptions, whileRunning(jolt));
+    EXPECT_EQ(spike.exitCode, 0) << spike.err;
+    expectOneEvent(spike, severity);
+}
+
 }  // namespace
 
 TEST(HelperDeviceTest, LisEvdevSpikeGivesExactlyOneEvent) {
-    const auto r = underUmockdev(
-        {"-d", kData + "lis3-like.umockdev", "-i", "/dev/input/event7=" + kData + "lis3-like.ioctl",
-         "-e", "/dev/input/event7=" + kData + "lis3-like.events"},
-        whileRunning(""));
+    const auto r = underUmockdev(lis3Input("lis3-like"), whileRunning(""));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     // The input device wins over the lis3lv02d position file; its 50 ms poll is 20 Hz, and
     // 10 ms (100 Hz) once root has lowered it.
@@ -63,10 +53,7 @@ TEST(HelperDeviceTest, LisEvdevSpikeGivesExactlyOneEvent) {
 }
 
 TEST(HelperDeviceTest, LisEvdevAtRestGivesNoEvent) {
-    const auto r = underUmockdev(
-        {"-d", kData + "lis3-like.umockdev", "-i", "/dev/input/event7=" + kData + "lis3-like.ioctl",
-         "-e", "/dev/input/event7=" + kData + "lis3-still.events"},
-        whileRunning(""));
+    const auto r = underUmockdev(lis3Input("lis3-still"), whileRunning(""));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("through the input device"), std::string::npos) << r.out;
     EXPECT_TRUE(r.jsonLines().empty()) << r.out;
@@ -86,49 +73,29 @@ TEST(HelperDeviceTest, EvdevWithOnlyAxisInfo) {
 
 TEST(HelperDeviceTest, IioSysfsWithMountMatrix) {
     const std::string z = kIio + "/in_accel_z_raw";
-    const auto still =
-        underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"}, whileRunning(""));
-    EXPECT_EQ(still.exitCode, 0) << still.err;
-    // As root at the highest rate it offers up to 200 Hz.
-    EXPECT_EQ(still.firstLine(),
-              std::string("reading iio:device0 (test-accel-i2c, accel-display) through the "
-                          "IIO sysfs polling at ") +
-                  (::geteuid() == 0 ? "125.0" : "100.0") + " Hz");
-    EXPECT_TRUE(still.jsonLines().empty()) << still.out;
-
-    const auto spike =
-        underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"},
-                      whileRunning("echo 700 > " + z + "; sleep 0.2; echo 31 > " + z));
-    EXPECT_EQ(spike.exitCode, 0) << spike.err;
-    // z goes from 31 to 700 counts (1024 per g) and back: a jolt of about 0.65 g, though |a|
-    // only grows to about 1.21 g.
-    expectOneEvent(spike, "smack");
+    // As root at the highest rate it offers up to 200 Hz. z goes from 31 to 700 counts (1024
+    // per g) and back: a jolt of about 0.65 g, though |a| only grows to about 1.21 g.
+    expectStillThenOneEvent(device("iio-poll-i2c-like"),
+                            std::string("reading iio:device0 (test-accel-i2c, accel-display) "
+                                        "through the IIO sysfs polling at ") +
+                                (::geteuid() == 0 ? "125.0" : "100.0") + " Hz",
+                            "echo 700 > " + z + "; sleep 0.2; echo 31 > " + z, "smack");
 }
 
 TEST(HelperDeviceTest, IioSysfsWithHidSizedValues) {
     const std::string y = kIio.substr(0, kIio.size() - 1) + "1/in_accel_y_raw";
-    const auto still =
-        underUmockdev({"-d", kData + "iio-poll-hid-like.umockdev"}, whileRunning(""));
-    EXPECT_EQ(still.exitCode, 0) << still.err;
-    EXPECT_EQ(still.firstLine(),
-              "reading iio:device1 (accel_3d) through the IIO sysfs polling at 10.0 Hz");
-    EXPECT_TRUE(still.jsonLines().empty()) << still.out;
-
     // -957076 × 0.00001 m/s² is 0.976 g; -1100000 is 1.12 g.
-    const auto spike =
-        underUmockdev({"-d", kData + "iio-poll-hid-like.umockdev"},
-                      whileRunning("echo -1100000 > " + y + "; sleep 0.25; echo -957076 > " + y));
-    EXPECT_EQ(spike.exitCode, 0) << spike.err;
-    expectOneEvent(spike, "slap");
+    expectStillThenOneEvent(
+        device("iio-poll-hid-like"),
+        "reading iio:device1 (accel_3d) through the IIO sysfs polling at 10.0 Hz",
+        "echo -1100000 > " + y + "; sleep 0.25; echo -957076 > " + y, "slap");
 }
 
 TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
     const std::string dump = "cd " + kIio +
                              " && for f in buffer/enable buffer/length trigger/current_trigger "
                              "scan_elements/*_en; do echo \"$f=$(cat $f)\"; done >&2";
-    const auto still = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-                                      "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
-                                     whileRunning("", dump));
+    const auto still = underUmockdev(iioBuffer("iio-buffer-still"), whileRunning("", dump));
     EXPECT_EQ(still.exitCode, 0) << still.err;
     EXPECT_EQ(still.firstLine(),
               "reading iio:device0 (accel_3d) through the IIO buffer at 10.0 Hz");
@@ -141,9 +108,7 @@ TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
         EXPECT_NE(still.err.find(expected), std::string::npos) << expected << still.err;
     }
 
-    const auto spike = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-                                      "/dev/iio:device0=" + kData + "iio-buffer-spike.script"},
-                                     whileRunning("sleep 0.5"));
+    const auto spike = underUmockdev(iioBuffer("iio-buffer-spike"), whileRunning("sleep 0.5"));
     EXPECT_EQ(spike.exitCode, 0) << spike.err;
     expectOneEvent(spike, "smack");
     EXPECT_NE(spike.out.find("\"amplitude\":0.6000"), std::string::npos) << spike.out;
@@ -152,8 +117,7 @@ TEST(HelperDeviceTest, IioBufferSpikeStillAndRestore) {
 TEST(HelperDeviceTest, IioBufferIsRestoredOnInterruptAndHangup) {
     for (const char* signal : {"INT", "HUP"}) {
         const auto r = underUmockdev(
-            {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-             "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
+            iioBuffer("iio-buffer-still"),
             whileRunning("echo \"running=$(cat " + kIio + "/buffer/enable)\" >&2",
                          "echo \"after=$(cat " + kIio + "/buffer/enable)\" >&2", signal));
         EXPECT_EQ(r.exitCode, 0) << signal << r.err;
@@ -166,9 +130,7 @@ TEST(HelperDeviceTest, RecordedBufferCaptureEndToEnd) {
     // The recorded HID capture: the machine is being turned over, |a| swings from 1.03 g to
     // 1.29 g within 60 ms. Only a correct decode (mask to 16 bits, sign-extend) gives a jolt
     // of about 0.15 g between scans; trusting the 32-bit slots would give thousands of g.
-    const auto r = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-                                  "/dev/iio:device0=" + kData + "orientation-left-up.script"},
-                                 whileRunning(""));
+    const auto r = underUmockdev(iioBuffer("orientation-left-up"), whileRunning(""));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     expectOneEvent(r, "slap");
     const auto events = r.jsonLines();
@@ -183,7 +145,7 @@ TEST(HelperDeviceTest, ABusyBufferFallsBackToPolling) {
                               kIio + "/in_accel_${a}_raw; done; echo 1000 > " + kIio +
                               "/in_accel_z_raw\n";
     const auto r = underUmockdev(
-        {"-d", kData + "iio-buffer-hid-like.umockdev"},
+        device("iio-buffer-hid-like"),
         setup + whileRunning("", "echo \"enable=$(cat " + kIio + "/buffer/enable)\" >&2"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.firstLine(),
@@ -202,7 +164,7 @@ TEST(HelperDeviceTest, SetCommandOnStdinRaisesTheThreshold) {
         "{ sleep 0.3; echo 'hello'; echo '{\"cmd\":\"set\",\"amplitude\":0.9,\"cooldown\":750}'; "
         "sleep 2; } | $H & p=$!\nsleep 0.8\necho 700 > " +
         z + "; sleep 0.2; echo 31 > " + z + "\nsleep 0.3\nkill -TERM $p\nwait $p\n";
-    const auto r = underUmockdev({"-d", kData + "iio-poll-i2c-like.umockdev"}, script);
+    const auto r = underUmockdev(device("iio-poll-i2c-like"), script);
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("IIO sysfs polling"), std::string::npos) << r.out;
     // The same 0.65 g jolt that IioSysfsWithMountMatrix reports is below the new 0.9 g.

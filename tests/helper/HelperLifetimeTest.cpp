@@ -1,24 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // However the helper ends, the emulated device is left as it was: a SIGKILL or a crash of the
 // reading process included. And a helper whose output nobody reads any more ends by itself.
-#include "Subprocess.h"
+#include "UmockdevRun.h"
 
 #include <gtest/gtest.h>
 
-using bonkwell::test::RunResult;
+using namespace bonkwell::test;
 
 namespace {
-
-const std::string kData = BONKWELL_TEST_DATA "/accel/";
-const std::string kHelper = THUZZ_DETECTOR_PATH;
-const std::string kArgs = " --stdio --detect-only --min-amplitude 0.0500 --cooldown 750";
-
-RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std::string& script) {
-    std::vector<std::string> argv = {"umockdev-run"};
-    argv.insert(argv.end(), deviceOptions.begin(), deviceOptions.end());
-    argv.insert(argv.end(), {"--", "sh", "-c", "H='" + kHelper + kArgs + "'\n" + script});
-    return bonkwell::test::run(argv);
-}
 
 // Prints "<label>:<file>=<value>" for each of the device's settings to stderr.
 std::string dump(const std::string& dir, const std::string& label) {
@@ -57,13 +46,9 @@ struct Device {
 
 std::vector<Device> devices() {
     return {
-        {{"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-          "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
-         "/sys/bus/iio/devices/iio:device0",
-         "buffer/enable=1\n"},
+        {iioBuffer("iio-buffer-still"), "/sys/bus/iio/devices/iio:device0", "buffer/enable=1\n"},
         // Run as root, the helper raises this one's sampling rate from 100 to 125 Hz.
-        {{"-d", kData + "iio-poll-i2c-like.umockdev"},
-         "/sys/bus/iio/devices/iio:device0",
+        {device("iio-poll-i2c-like"), "/sys/bus/iio/devices/iio:device0",
          "sampling_frequency=125\n"},
     };
 }
@@ -99,9 +84,7 @@ TEST(HelperLifetimeTest, EndsWithinASecondOnceNobodyReadsItsOutput) {
         "if kill -0 $p 2>/dev/null; then echo still-running >&2; kill -KILL $p; exit 1; fi\n"
         "sleep 0.2\n" +
         dump(dir, "after");
-    const auto r = underUmockdev({"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-                                  "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
-                                 script);
+    const auto r = underUmockdev(iioBuffer("iio-buffer-still"), script);
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.err.find("first=reading iio:device0"), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("still-running"), std::string::npos) << r.err;

@@ -1,39 +1,18 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The helper on emulated sensors as they come: biased, in any orientation, slapped from the
 // side; and the device rate it raises as root, put back however it ends.
-#include "Subprocess.h"
+#include "UmockdevRun.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <regex>
 
-using bonkwell::test::RunResult;
+using namespace bonkwell::test;
 
 namespace {
 
-const std::string kData = BONKWELL_TEST_DATA "/accel/";
-const std::string kHelper = THUZZ_DETECTOR_PATH;
-const std::string kArgs = " --stdio --detect-only --min-amplitude 0.0500 --cooldown 750";
-const std::string kIio = "/sys/bus/iio/devices/iio:device0";
 const bool kRoot = ::geteuid() == 0;
-
-// Runs `script` under umockdev with the given device options; $H is the helper with its
-// launch words. The script's own exit status is the result's.
-RunResult underUmockdev(const std::vector<std::string>& deviceOptions, const std::string& script) {
-    std::vector<std::string> argv = {"umockdev-run"};
-    argv.insert(argv.end(), deviceOptions.begin(), deviceOptions.end());
-    argv.insert(argv.end(), {"--", "sh", "-c", "H='" + kHelper + kArgs + "'\n" + script});
-    return bonkwell::test::run(argv);
-}
-
-// `setup`, then the helper while `during` runs, stopped with `signal`, then `after`; exits
-// with the helper's status.
-std::string whileRunning(const std::string& setup, const std::string& during,
-                         const std::string& after = "", const std::string& signal = "TERM") {
-    return setup + "\n$H </dev/null & p=$!\nsleep 0.6\n" + during + "\nsleep 0.4\nkill -" + signal +
-           " $p\nwait $p\nst=$?\n" + after + "\nexit $st\n";
-}
 
 // The polled IIO device with its mount matrix (x' = -y, y' = -x, z' = -z, 1024 counts per g)
 // lying level and reading (40, -30, 1075) mg at rest: 1.076 g long.
@@ -41,7 +20,7 @@ const std::string kBiasedLevel = "echo 31 > " + kIio + "/in_accel_x_raw; echo -4
                                  "/in_accel_y_raw; echo -1101 > " + kIio + "/in_accel_z_raw";
 
 std::vector<std::string> iioPoll() {
-    return {"-d", kData + "iio-poll-i2c-like.umockdev"};
+    return device("iio-poll-i2c-like");
 }
 
 // Adds `counts` to a raw axis for 0.2 s.
@@ -51,10 +30,26 @@ std::string jolt(const std::string& axis, int rest, int counts) {
            std::to_string(rest) + " > " + file;
 }
 
+// For each way the helper is stopped: while it reads as `firstLine` says, the device's
+// `setting` reads `running`; once it has ended, `after` again.
+void expectChangedAndPutBackOnEverySignal(const std::vector<std::string>& deviceOptions,
+                                          const std::string& setting, const std::string& firstLine,
+                                          const std::string& running, const std::string& after) {
+    for (const char* signal : {"TERM", "INT", "HUP"}) {
+        const auto r = underUmockdev(
+            deviceOptions, whileRunning("echo \"running=$(cat " + setting + ")\" >&2",
+                                        "echo \"after=$(cat " + setting + ")\" >&2", signal));
+        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
+        EXPECT_EQ(r.firstLine(), firstLine) << signal;
+        EXPECT_NE(r.err.find("running=" + running + "\n"), std::string::npos) << signal << r.err;
+        EXPECT_NE(r.err.find("after=" + after + "\n"), std::string::npos) << signal << r.err;
+    }
+}
+
 }  // namespace
 
 TEST(HelperSensorTest, ABiasedStillDeviceGivesNoEventOverTenSeconds) {
-    const auto r = underUmockdev(iioPoll(), whileRunning(kBiasedLevel, "sleep 10"));
+    const auto r = underUmockdev(iioPoll(), kBiasedLevel + "\n" + whileRunning("sleep 10"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(r.firstLine().find("IIO sysfs polling"), std::string::npos) << r.out;
     EXPECT_TRUE(r.jsonLines().empty()) << r.out;
@@ -65,7 +60,8 @@ TEST(HelperSensorTest, ASlapAlongEachAxisGivesExactlyOneEvent) {
     // along gravity (raw z), on the biased level device.
     for (const auto& [axis, rest] :
          std::vector<std::pair<std::string, int>>{{"y", -41}, {"x", 31}, {"z", -1101}}) {
-        const auto r = underUmockdev(iioPoll(), whileRunning(kBiasedLevel, jolt(axis, rest, -154)));
+        const auto r =
+            underUmockdev(iioPoll(), kBiasedLevel + "\n" + whileRunning(jolt(axis, rest, -154)));
         EXPECT_EQ(r.exitCode, 0) << r.err;
         const auto events = r.jsonLines();
         ASSERT_EQ(events.size(), 1u) << axis << "\n" << r.out << r.err;
@@ -79,39 +75,29 @@ TEST(HelperSensorTest, ASidewaysSlapOnAMachineOnItsSideGivesOneEvent) {
     // The device as it comes: gravity along the machine's X. A jolt along its Y and Z.
     for (const auto& [axis, rest] :
          std::vector<std::pair<std::string, int>>{{"x", -7}, {"z", 31}}) {
-        const auto r = underUmockdev(iioPoll(), whileRunning("", jolt(axis, rest, 154)));
+        const auto r = underUmockdev(iioPoll(), whileRunning(jolt(axis, rest, 154)));
         EXPECT_EQ(r.exitCode, 0) << r.err;
         EXPECT_EQ(r.jsonLines().size(), 1u) << axis << "\n" << r.out << r.err;
     }
 }
 
 TEST(HelperSensorTest, TheSysfsRateIsRaisedAndPutBackOnEverySignal) {
-    const std::string rate = kIio + "/sampling_frequency";
-    for (const char* signal : {"TERM", "INT", "HUP"}) {
-        const auto r = underUmockdev(
-            iioPoll(), whileRunning("", "echo \"running=$(cat " + rate + ")\" >&2",
-                                    "echo \"after=$(cat " + rate + ")\" >&2", signal));
-        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
-        // The highest rate offered up to 200 Hz; polled at that rate.
-        EXPECT_EQ(r.firstLine(),
-                  std::string("reading iio:device0 (test-accel-i2c, accel-display) through the "
-                              "IIO sysfs polling at ") +
-                      (kRoot ? "125.0" : "100.0") + " Hz")
-            << signal;
-        EXPECT_NE(r.err.find(kRoot ? "running=125\n" : "running=100.000000\n"), std::string::npos)
-            << signal << r.err;
-        EXPECT_NE(r.err.find("after=100.000000\n"), std::string::npos) << signal << r.err;
-    }
+    // The highest rate offered up to 200 Hz; polled at that rate.
+    expectChangedAndPutBackOnEverySignal(
+        iioPoll(), kIio + "/sampling_frequency",
+        std::string("reading iio:device0 (test-accel-i2c, accel-display) through the IIO sysfs "
+                    "polling at ") +
+            (kRoot ? "125.0" : "100.0") + " Hz",
+        kRoot ? "125" : "100.000000", "100.000000");
 }
 
 TEST(HelperSensorTest, TheBufferRateIsRaisedAndPutBack) {
     const std::string rate = kIio + "/sampling_frequency";
-    const auto r = underUmockdev(
-        {"-d", kData + "iio-buffer-hid-like.umockdev", "-s",
-         "/dev/iio:device0=" + kData + "iio-buffer-still.script"},
-        whileRunning("echo '5 10 20 50 100 400' > " + rate + "_available",
-                     "echo \"running=$(cat " + rate + ")\" >&2",
-                     "echo \"after=$(cat " + rate + ") $(cat " + kIio + "/buffer/enable)\" >&2"));
+    const auto r = underUmockdev(iioBuffer("iio-buffer-still"),
+                                 "echo '5 10 20 50 100 400' > " + rate + "_available\n" +
+                                     whileRunning("echo \"running=$(cat " + rate + ")\" >&2",
+                                                  "echo \"after=$(cat " + rate + ") $(cat " + kIio +
+                                                      "/buffer/enable)\" >&2"));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.firstLine(),
               std::string("reading iio:device0 (accel_3d) through the IIO buffer at ") +
@@ -122,24 +108,11 @@ TEST(HelperSensorTest, TheBufferRateIsRaisedAndPutBack) {
 }
 
 TEST(HelperSensorTest, TheInputDevicePollIsLoweredAndPutBackOnEverySignal) {
-    const std::string poll = "/sys/class/input/event7/device/poll";
-    for (const char* signal : {"TERM", "INT", "HUP"}) {
-        const auto r =
-            underUmockdev({"-d", kData + "lis3-like.umockdev", "-i",
-                           "/dev/input/event7=" + kData + "lis3-like.ioctl", "-e",
-                           "/dev/input/event7=" + kData + "lis3-still.events"},
-                          whileRunning("", "echo \"running=$(cat " + poll + ")\" >&2",
-                                       "echo \"after=$(cat " + poll + ")\" >&2", signal));
-        EXPECT_EQ(r.exitCode, 0) << signal << r.err;
-        EXPECT_EQ(r.firstLine(),
-                  std::string("reading event7 (ST LIS3LV02DL Accelerometer) through the input "
-                              "device at ") +
-                      (kRoot ? "100.0" : "20.0") + " Hz")
-            << signal;
-        EXPECT_NE(r.err.find(kRoot ? "running=10\n" : "running=50\n"), std::string::npos)
-            << signal << r.err;
-        EXPECT_NE(r.err.find("after=50\n"), std::string::npos) << signal << r.err;
-    }
+    expectChangedAndPutBackOnEverySignal(
+        lis3Input("lis3-still"), "/sys/class/input/event7/device/poll",
+        std::string("reading event7 (ST LIS3LV02DL Accelerometer) through the input device at ") +
+            (kRoot ? "100.0" : "20.0") + " Hz",
+        kRoot ? "10" : "50", "50");
 }
 
 TEST(HelperSensorTest, TheRateIsPutBackWhenNobodyListensAnyMore) {

@@ -5,7 +5,6 @@
 
 #include "CalibrationView.h"
 #include "Doubles.h"
-#include "ManualClock.h"
 #include "PopoverView.h"
 #include "SettingsWindow.h"
 #include "UiTestSupport.h"
@@ -14,7 +13,6 @@
 #include <QApplication>
 #include <QMenu>
 #include <QPalette>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -24,7 +22,7 @@ using namespace bonkwell::test;
 
 namespace {
 
-class MenuBarTest : public ::testing::Test {
+class MenuBarTest : public ::testing::Test, protected ViewFixture {
   protected:
     void TearDown() override {
         menuBar.reset();
@@ -45,6 +43,14 @@ class MenuBarTest : public ::testing::Test {
     // Pretends the menu opens, as a right click does.
     void openMenu() { emit menuBar->contextMenu()->aboutToShow(); }
 
+    // Opens the menu and chooses the entry `text`, as a click on it does.
+    void choose(const QString& text) {
+        openMenu();
+        QAction* action = menuAction(text);
+        ASSERT_NE(action, nullptr) << text.toStdString();
+        action->trigger();
+    }
+
     QAction* menuAction(const QString& text) {
         for (QAction* a : menuBar->contextMenu()->actions()) {
             if (a->text() == text) {
@@ -54,18 +60,8 @@ class MenuBarTest : public ::testing::Test {
         return nullptr;
     }
 
-    QTemporaryDir dir;
-    CallJournal journal;
-    PreferencesStore store{dir.path()};
-    ManualClock clock;
-    AppState state{&store, &clock};
-    RecordingDetector detector{journal};
-    RecordingAudio audio{journal};
-    FakePackManager packs{journal};
-    RecordingEngine engine{journal};
-    RecordingDesktop desktop{journal};
     std::unique_ptr<MenuBarController> menuBar =
-        std::make_unique<MenuBarController>(state, detector, audio, packs, engine, desktop);
+        std::make_unique<MenuBarController>(*state, detector, audio, packs, engine, desktop);
 };
 
 }  // namespace
@@ -129,31 +125,26 @@ TEST_F(MenuBarTest, TwoRightClicksBuildTwoMenusAndALeftClickStillToggles) {
 }
 
 TEST_F(MenuBarTest, OpenBonkwellFromTheMenuBehavesLikeALeftClick) {
-    openMenu();
-    menuAction("Open Bonkwell")->trigger();
+    choose("Open Bonkwell");
     EXPECT_TRUE(menuBar->panelShown());
-    openMenu();
-    menuAction("Open Bonkwell")->trigger();
+    choose("Open Bonkwell");
     EXPECT_FALSE(menuBar->panelShown());
 }
 
 TEST_F(MenuBarTest, ChoosingSettingsTwiceOpensTheSameWindow) {
-    openMenu();
-    menuAction(QString::fromUtf8("Settings\u2026"))->trigger();
+    choose(QString::fromUtf8("Settings\u2026"));
     SettingsWindowController* controller = menuBar->settingsWindow();
     ASSERT_NE(controller, nullptr);
     QWidget* window = controller->window();
     ASSERT_NE(window, nullptr);
-    openMenu();
-    menuAction(QString::fromUtf8("Settings\u2026"))->trigger();
+    choose(QString::fromUtf8("Settings\u2026"));
     EXPECT_EQ(menuBar->settingsWindow(), controller);
     EXPECT_EQ(controller->window(), window);
     EXPECT_EQ(visibleWindowsTitled("Bonkwell Settings").size(), 1);
 }
 
 TEST_F(MenuBarTest, EveryCalibrationActionBringsUpTheOneCalibrationWindow) {
-    openMenu();
-    menuAction(QString::fromUtf8("Calibration\u2026"))->trigger();
+    choose(QString::fromUtf8("Calibration\u2026"));
     CalibrationWindowController* controller = menuBar->calibrationWindow();
     ASSERT_NE(controller, nullptr);
     QWidget* window = controller->window();

@@ -129,19 +129,9 @@ TEST_F(PanelHostTest, ThePopupClosedByTheClickOnTheIconSaysSo) {
 
 namespace {
 
-class PanelPlacementTest : public PanelHostTest {
+class PanelPlacementTest : public PanelHostTest, protected ViewFixture {
   protected:
-    QTemporaryDir dir;
-    CallJournal journal;
-    PreferencesStore store{dir.path()};
-    ManualClock clock;
-    AppState state{&store, &clock};
-    RecordingDetector detector{journal};
-    RecordingAudio audio{journal};
-    FakePackManager packs{journal};
-    RecordingEngine engine{journal};
-    RecordingDesktop desktop{journal};
-    MenuBarController menuBar{state, detector, audio, packs, engine, desktop};
+    MenuBarController menuBar{*state, detector, audio, packs, engine, desktop};
 };
 
 }  // namespace

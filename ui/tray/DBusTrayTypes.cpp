@@ -54,46 +54,49 @@ IconPixmapList pixmapsOf(const QIcon& icon) {
     return list;
 }
 
-QDBusArgument& operator<<(QDBusArgument& arg, const IconPixmap& v) {
+namespace {
+
+// A D-Bus structure of the given fields, in order.
+template <typename... Fields>
+QDBusArgument& writeStructure(QDBusArgument& arg, const Fields&... fields) {
     arg.beginStructure();
-    arg << v.width << v.height << v.bytes;
+    (arg << ... << fields);
     arg.endStructure();
     return arg;
+}
+
+template <typename... Fields>
+const QDBusArgument& readStructure(const QDBusArgument& arg, Fields&... fields) {
+    arg.beginStructure();
+    (arg >> ... >> fields);
+    arg.endStructure();
+    return arg;
+}
+
+}  // namespace
+
+QDBusArgument& operator<<(QDBusArgument& arg, const IconPixmap& v) {
+    return writeStructure(arg, v.width, v.height, v.bytes);
 }
 
 const QDBusArgument& operator>>(const QDBusArgument& arg, IconPixmap& v) {
-    arg.beginStructure();
-    arg >> v.width >> v.height >> v.bytes;
-    arg.endStructure();
-    return arg;
+    return readStructure(arg, v.width, v.height, v.bytes);
 }
 
 QDBusArgument& operator<<(QDBusArgument& arg, const ToolTip& v) {
-    arg.beginStructure();
-    arg << v.iconName << v.image << v.title << v.description;
-    arg.endStructure();
-    return arg;
+    return writeStructure(arg, v.iconName, v.image, v.title, v.description);
 }
 
 const QDBusArgument& operator>>(const QDBusArgument& arg, ToolTip& v) {
-    arg.beginStructure();
-    arg >> v.iconName >> v.image >> v.title >> v.description;
-    arg.endStructure();
-    return arg;
+    return readStructure(arg, v.iconName, v.image, v.title, v.description);
 }
 
 QDBusArgument& operator<<(QDBusArgument& arg, const MenuItem& v) {
-    arg.beginStructure();
-    arg << v.id << v.properties;
-    arg.endStructure();
-    return arg;
+    return writeStructure(arg, v.id, v.properties);
 }
 
 const QDBusArgument& operator>>(const QDBusArgument& arg, MenuItem& v) {
-    arg.beginStructure();
-    arg >> v.id >> v.properties;
-    arg.endStructure();
-    return arg;
+    return readStructure(arg, v.id, v.properties);
 }
 
 QDBusArgument& operator<<(QDBusArgument& arg, const MenuLayout& v) {
@@ -124,31 +127,19 @@ const QDBusArgument& operator>>(const QDBusArgument& arg, MenuLayout& v) {
 }
 
 QDBusArgument& operator<<(QDBusArgument& arg, const MenuItemKeys& v) {
-    arg.beginStructure();
-    arg << v.id << v.names;
-    arg.endStructure();
-    return arg;
+    return writeStructure(arg, v.id, v.names);
 }
 
 const QDBusArgument& operator>>(const QDBusArgument& arg, MenuItemKeys& v) {
-    arg.beginStructure();
-    arg >> v.id >> v.names;
-    arg.endStructure();
-    return arg;
+    return readStructure(arg, v.id, v.names);
 }
 
 QDBusArgument& operator<<(QDBusArgument& arg, const MenuEvent& v) {
-    arg.beginStructure();
-    arg << v.id << v.eventId << v.data << v.timestamp;
-    arg.endStructure();
-    return arg;
+    return writeStructure(arg, v.id, v.eventId, v.data, v.timestamp);
 }
 
 const QDBusArgument& operator>>(const QDBusArgument& arg, MenuEvent& v) {
-    arg.beginStructure();
-    arg >> v.id >> v.eventId >> v.data >> v.timestamp;
-    arg.endStructure();
-    return arg;
+    return readStructure(arg, v.id, v.eventId, v.data, v.timestamp);
 }
 
 }  // namespace bonkwell::dbustray

@@ -4,25 +4,29 @@
 # Runs a command in a headless sway session (Wayland, wlroots' headless backend, software
 # rendering) with waybar and its tray along the top, or with no bar at all.
 #
-#   sway.sh --pointer VIRTUAL_POINTER --shots DIR [--bar waybar|none] -- COMMAND [ARGS…]
+#   sway.sh --pointer VIRTUAL_POINTER --shots DIR [--bar waybar|none] [--scale 1|2] -- COMMAND [ARGS…]
 #
 # sway refuses to run as root: the session, and COMMAND with it, runs as an ordinary user made
 # for this run (a unique name, removed at the end). The seat of the headless backend has no
 # pointer; VIRTUAL_POINTER (built from shells/virtual_pointer.cpp) gives it one, so that
 # "swaymsg seat - cursor set X Y" and "cursor press|release button1" click like a mouse, and an
 # idle wtype gives it a keyboard.
+# --scale 2: the output is a HiDPI screen, 2560x1600 at scale 2, so that its logical size
+# stays 1280x800 (the layout and every place a test reads are the same as at scale 1).
 # COMMAND writes screenshots to BONKWELL_SHOTS (the run's own folder), copied to DIR at the
 # end. In COMMAND's environment: WAYLAND_DISPLAY, SWAYSOCK, DBUS_SESSION_BUS_ADDRESS, HOME,
 # XDG_*, BONKWELL_SESSION_DIR, BONKWELL_SHELL_LOGS, BONKWELL_SHOTS, BONKWELL_SHELL=sway,
-# BONKWELL_BAR. Fails with the shell's log lines when a piece does not come up.
+# BONKWELL_BAR, BONKWELL_SCALE. Fails with the shell's log lines when a piece does not come up.
 set -euo pipefail
 
 bar=waybar
+scale=1
 pointer=
 shots=
 while [ $# -gt 0 ]; do
     case "$1" in
         --bar) bar="$2"; shift 2 ;;
+        --scale) scale="$2"; shift 2 ;;
         --pointer) pointer="$2"; shift 2 ;;
         --shots) shots="$2"; shift 2 ;;
         --inner) inner=1; shift ;;
@@ -32,6 +36,11 @@ while [ $# -gt 0 ]; do
 done
 [ $# -gt 0 ] || { echo "sway.sh: no command" >&2; exit 2; }
 case "$bar" in waybar|none) ;; *) echo "sway.sh: unknown bar $bar" >&2; exit 2 ;; esac
+case "$scale" in
+    1) mode=1280x800 ;;
+    2) mode=2560x1600 ;;
+    *) echo "sway.sh: unknown scale $scale (1 or 2)" >&2; exit 2 ;;
+esac
 here="$(cd "$(dirname "$0")" && pwd)"
 # shellcheck source=common.sh
 . "$here/common.sh"
@@ -60,7 +69,7 @@ if [ -z "${inner:-}" ]; then
     chown -R "$user:" "$scratch"
     export BONKWELL_SHOTS="$scratch/shots"
     setpriv --reuid="$user" --regid="$user" --init-groups -- \
-        dbus-run-session -- "$0" --inner --bar "$bar" --pointer "$pointer" --shots "$shots" -- "$@"
+        dbus-run-session -- "$0" --inner --bar "$bar" --scale "$scale" --pointer "$pointer" --shots "$shots" -- "$@"
     exit $?
 fi
 
@@ -68,7 +77,7 @@ scratch="$BONKWELL_SESSION_DIR"
 trap stop_all EXIT
 
 cat > "$scratch/sway.conf" <<CONF
-output HEADLESS-1 resolution 1280x800 position 0,0 bg #4a5866 solid_color
+output HEADLESS-1 resolution $mode scale $scale position 0,0 bg #4a5866 solid_color
 default_border pixel 2
 focus_follows_mouse no
 xwayland disable
@@ -118,5 +127,5 @@ JSON
     wait_for 30 "waybar's space at the top" bar_reserved
 fi
 
-export BONKWELL_SHELL=sway BONKWELL_BAR="$bar"
+export BONKWELL_SHELL=sway BONKWELL_BAR="$bar" BONKWELL_SCALE="$scale"
 "$@"

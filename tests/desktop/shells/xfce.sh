@@ -47,10 +47,14 @@ esac
 
 channels="$XDG_CONFIG_HOME/xfce4/xfconf/xfce-perchannel-xml"
 mkdir -p "$channels"
+channel() {  # channel NAME: writes the settings channel NAME, its properties read from stdin
+    { echo '<?xml version="1.0" encoding="UTF-8"?>'
+      echo "<channel name=\"$1\" version=\"1.0\">"
+      cat
+      echo '</channel>'; } > "$channels/$1.xml"
+}
 # A preset panel skips the first-run question: one panel along the top.
-cat > "$channels/xfce4-panel.xml" <<XML
-<?xml version="1.0" encoding="UTF-8"?>
-<channel name="xfce4-panel" version="1.0">
+channel xfce4-panel <<XML
   <property name="configver" type="int" value="2"/>
   <property name="panels" type="array">
     <value type="int" value="1"/>
@@ -77,25 +81,18 @@ cat > "$channels/xfce4-panel.xml" <<XML
       <property name="square-icons" type="bool" value="true"/>
     </property>
   </property>
-</channel>
 XML
-cat > "$channels/xsettings.xml" <<XML
-<?xml version="1.0" encoding="UTF-8"?>
-<channel name="xsettings" version="1.0">
+channel xsettings <<XML
   <property name="Net" type="empty">
     <property name="ThemeName" type="string" value="$gtk_theme"/>
     <property name="IconThemeName" type="string" value="Adwaita"/>
   </property>
-</channel>
 XML
-cat > "$channels/xfwm4.xml" <<XML
-<?xml version="1.0" encoding="UTF-8"?>
-<channel name="xfwm4" version="1.0">
+channel xfwm4 <<XML
   <property name="general" type="empty">
     <property name="use_compositing" type="bool" value="false"/>
     <property name="workspace_count" type="int" value="1"/>
   </property>
-</channel>
 XML
 
 start_xvfb
