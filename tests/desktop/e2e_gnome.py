@@ -363,10 +363,18 @@ def open_menu(gnome, key, button):
         gnome.shell.key("Escape")  # left open by a failed step
         gnome.until("the menu closing", lambda: not gnome.shell.indicator_menu(key)["open"], 10)
     gnome.shell.click_centre(button)
+    seen = []
+
     def laid_out(menu):
+        """The menu once open, laid out and still (it slides in: an entry clicked while it
+        moves is missed)."""
         rects = [menu["rect"]] + [i["rect"] for i in menu["items"]]
         ok = menu["open"] and all(isinstance(v, int) for r in rects for v in r)
-        return menu if ok and menu["rect"][2] > 0 else None
+        if not ok or menu["rect"][2] <= 0:
+            seen.clear()
+            return None
+        seen.append(menu)
+        return menu if len(seen) >= 3 and all(m == menu for m in seen[-3:]) else None
     menu = gnome.until("the item's menu", lambda: laid_out(gnome.shell.indicator_menu(key)), 10)
     labels = [i["label"] for i in menu["items"] if i["label"]]
     wanted = ["Open Bonkwell", "Settings\u2026", "Calibration\u2026", "Quit Bonkwell"]
