@@ -223,7 +223,13 @@ def open_panel(gnome, button):
     since = gnome.mark()
     gnome.shell.click_centre(button, count=2)
     where, widgets = panel_report(gnome, since)
-    window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
+    try:
+        window = gnome.until("the panel's window on screen", lambda: panel_window(gnome), 10)
+    except Failure as failure:
+        events = [line for line in gnome.app.log[since:] if " widget " not in line and
+                  " text " not in line]
+        raise Failure(f"{failure}\nthe shell's windows: {gnome.shell.windows()}\nthe app's "
+                      "lines since the click:\n" + "\n".join(events[-30:]))
     return Found((where, widgets, window, since),
                  f"panel shown, on screen at {fmt_rect(window['rect'])}")
 
