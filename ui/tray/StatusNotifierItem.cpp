@@ -266,8 +266,9 @@ void StatusNotifierItem::registerWithWatcher() {
                                        QStringLiteral("RegisterStatusNotifierItem"));
     // By object path: the host takes the caller's unique name as the item's.
     call << kItemPath;
-    // Not waited for: the watcher may call back into the item while it registers it.
-    bus_.callWithCallback(call, this, nullptr, nullptr);
+    // Not waited for: the watcher calls back into the item while it registers it. Sent
+    // without a reply watch, which would outlive the connection when the item goes first.
+    bus_.send(call);
 }
 
 void StatusNotifierItem::hide() {
