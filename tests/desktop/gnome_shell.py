@@ -127,7 +127,8 @@ class GnomeShell:
 
     def windows(self):
         """The windows the compositor shows: [{title, wm_class, pid, x11, rect, focus,
-        minimized, visible}]; rect is (x, y, w, h) of the window's frame on screen."""
+        minimized, maximized, fullscreen, visible}]; rect is (x, y, w, h) of the window's frame
+        on screen; maximized is also true for a window tiled to one half of the screen."""
         return self.eval("""
             global.get_window_actors()
                 .filter(a => a.meta_window.get_title() !== 'gnome-shell')
@@ -135,6 +136,7 @@ class GnomeShell:
                     title: w.get_title(), wm_class: w.get_wm_class(), pid: w.get_pid(),
                     x11: w.get_client_type() === 1, rect: [r.x, r.y, r.width, r.height],
                     focus: w.has_focus(), minimized: w.minimized,
+                    maximized: w.get_maximized() !== 0, fullscreen: w.is_fullscreen(),
                     visible: a.visible && w.showing_on_its_workspace() }; })
             """)
 
@@ -189,6 +191,15 @@ class GnomeShell:
             if out.strip("(),").split()[-1].rstrip(",") == str(pid) and laid_out:
                 return key, item
         return None
+
+    def top_bar_item(self, key):
+        """(x, y, w, h) of one of the top bar's own items ("dateMenu" is the clock), and
+        whether its menu is open."""
+        return self.eval(f"""
+            const item = Main.panel.statusArea[{json.dumps(key)}];
+            const [x, y] = item.get_transformed_position();
+            const [w, h] = item.get_transformed_size();
+            ({{ rect: [x, y, w, h].map(Math.round), menu_open: !!item.menu?.isOpen }})""")
 
     def indicator_menu(self, key):
         """The open menu of top-bar item `key`: {open, rect, items: [{label, rect}]}."""

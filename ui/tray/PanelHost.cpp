@@ -19,6 +19,8 @@ namespace {
 constexpr qint64 kSameClickMs = 400;
 // How long a loss of focus must last before it closes the panel.
 constexpr int kFocusSettleMs = 200;
+// When an X11 client of a Wayland compositor asks for the keyboard a second time.
+constexpr int kReactivateMs = 150;
 
 qint64 nowMs() {
     return QDateTime::currentMSecsSinceEpoch();
@@ -151,6 +153,17 @@ void PanelHost::show(const QPoint& topLeft) {
     window_->show();
     window_->raise();
     window_->activateWindow();
+    if (style_ == Style::window && QGuiApplication::platformName() == QLatin1String("xcb")) {
+        // Through XWayland the first request can carry an X time from before the click that
+        // opened the panel (the click went to the compositor, not to us), and the compositor
+        // may then leave its focus elsewhere. Asked again once the window is mapped (which
+        // brings the app a fresh time), it gives the panel the keyboard.
+        QTimer::singleShot(kReactivateMs, window_.get(), [w = window_.get()] {
+            if (w->isVisible()) {
+                w->activateWindow();
+            }
+        });
+    }
     if (content_ != nullptr) {
         content_->setFocus(Qt::PopupFocusReason);
     }

@@ -13,8 +13,6 @@
 #include <QMenu>
 #include <QTimer>
 
-#include <unistd.h>
-
 namespace bonkwell {
 namespace {
 
@@ -186,14 +184,11 @@ QList<int> DBusMenuAdaptor::AboutToShowGroup(const QList<int>& ids, QList<int>& 
 
 // --- the item
 
-StatusNotifierItem::StatusNotifierItem() : bus_(QDBusConnection::sessionBus()) {
+StatusNotifierItem::StatusNotifierItem() : bus_(QStringLiteral("none")) {
     dbustray::registerTypes();
     menuObject_.setParent(this);
     itemAdaptor_ = new StatusNotifierItemAdaptor(this);
     menuAdaptor_ = new DBusMenuAdaptor(this);
-    static int counter = 0;
-    serviceName_ =
-        QStringLiteral("org.kde.StatusNotifierItem-%1-%2").arg(::getpid()).arg(++counter);
 }
 
 StatusNotifierItem::~StatusNotifierItem() {
@@ -226,20 +221,25 @@ bool StatusNotifierItem::show() {
     if (shown_) {
         return true;
     }
+    // The item has a connection of its own: its objects are on the bus before the host hears
+    // of it, the host knows it by that connection's unique name (never a well-known name that
+    // the host would watch come and go while it reads the item), and closing the connection
+    // takes the item off every panel at once.
+    static int counter = 0;
+    bus_ = QDBusConnection::connectToBus(QDBusConnection::SessionBus,
+                                         QStringLiteral("bonkwell-tray-item-%1").arg(++counter));
     if (!bus_.isConnected()) {
-        logLine(QStringLiteral("Bonkwell: no session bus for the tray item"));
+        logLine(QStringLiteral("Bonkwell: no session bus for the tray item: %1")
+                    .arg(bus_.lastError().message()));
+        closeBus();
         return false;
     }
     if (!bus_.registerObject(kItemPath, this, QDBusConnection::ExportAdaptors) ||
         !bus_.registerObject(kMenuPath, &menuObject_, QDBusConnection::ExportAdaptors)) {
         logLine(QStringLiteral("Bonkwell: cannot export the tray item: %1")
                     .arg(bus_.lastError().message()));
-        bus_.unregisterObject(kItemPath);
+        closeBus();
         return false;
-    }
-    if (!bus_.registerService(serviceName_)) {
-        logLine(QStringLiteral("Bonkwell: cannot own %1: %2")
-                    .arg(serviceName_, bus_.lastError().message()));
     }
     shown_ = true;
     registerWithWatcher();
@@ -264,9 +264,11 @@ void StatusNotifierItem::registerWithWatcher() {
     QDBusMessage call =
         QDBusMessage::createMethodCall(kWatcher, QStringLiteral("/StatusNotifierWatcher"), kWatcher,
                                        QStringLiteral("RegisterStatusNotifierItem"));
-    call << serviceName_;
-    // Not waited for: the watcher may call back into the item while it registers it.
-    bus_.callWithCallback(call, this, nullptr, nullptr);
+    // By object path: the host takes the caller's unique name as the item's.
+    call << kItemPath;
+    // Not waited for: the watcher calls back into the item while it registers it. Sent
+    // without a reply watch, which would outlive the connection when the item goes first.
+    bus_.send(call);
 }
 
 void StatusNotifierItem::hide() {
@@ -277,9 +279,18 @@ void StatusNotifierItem::hide() {
     bus_.disconnect(QString(), QStringLiteral("/KGlobalSettings"),
                     QStringLiteral("org.kde.KGlobalSettings"), QStringLiteral("notifyChange"),
                     itemAdaptor_, SLOT(desktopColorsChanged()));
-    bus_.unregisterService(serviceName_);
+    delete watcherWatch_;
+    watcherWatch_ = nullptr;
     bus_.unregisterObject(kMenuPath);
     bus_.unregisterObject(kItemPath);
+    closeBus();
+}
+
+void StatusNotifierItem::closeBus() {
+    // The connection closes with its last reference.
+    const QString name = bus_.name();
+    bus_ = QDBusConnection(QStringLiteral("none"));
+    QDBusConnection::disconnectFromBus(name);
 }
 
 void StatusNotifierItem::withActivationToken(const std::function<void()>& what) {

@@ -138,13 +138,15 @@ class StatusNotifierItem final : public QObject, public TrayIcon {
     void hide() override;
     QRect geometry() const override { return {}; }
 
-    QString serviceName() const { return serviceName_; }
+    // The unique name of the item's own bus connection while shown: hosts know it by that.
+    QString busName() const { return shown_ ? bus_.baseService() : QString(); }
 
   private:
     friend class StatusNotifierItemAdaptor;
     friend class DBusMenuAdaptor;
 
     void registerWithWatcher();
+    void closeBus();
     // Runs `what` with the token the host provided last (if any) in XDG_ACTIVATION_TOKEN.
     void withActivationToken(const std::function<void()>& what);
     dbustray::MenuLayout layout() const;
@@ -152,7 +154,6 @@ class StatusNotifierItem final : public QObject, public TrayIcon {
     QAction* action(int id) const;
 
     QDBusConnection bus_;
-    QString serviceName_;
     QIcon icon_;
     QString toolTip_;
     QPointer<QMenu> menu_;
