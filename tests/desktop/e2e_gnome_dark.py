@@ -12,7 +12,6 @@ reading; dark again turns it dark again. Measured on the shell's screenshots wit
 X11 client (XWayland), which knows where its controls are on screen; then as a Wayland client
 the window is dark at start.
 """
-import argparse
 import os
 import re
 import subprocess
@@ -21,8 +20,8 @@ import sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from checks import Image, dominant_colour, fmt_rect, hex_colour, luminance  # noqa: E402
 from desktop_driver import Failure, geometry  # noqa: E402
-from e2e_gnome import (CAPTIONS, SECONDARY_TEXTS, Gnome, app_windows, exited_0,  # noqa: E402
-                       measure_texts)
+from gnome_session import (CAPTIONS, SECONDARY_TEXTS, app_windows, arguments,  # noqa: E402
+                           drive, exited_0, measure_texts)
 
 WINDOW = "fallbackWindow"
 # Dark: the background's relative luminance below this (Adwaita-dark's #353535 is 0.036);
@@ -125,7 +124,7 @@ def run(gnome):
     if not shown:
         return
     widgets = checks.run("its controls on screen",
-                         lambda: Found(controls_on_screen(gnome)))
+                         lambda: Controls(controls_on_screen(gnome)))
     if not widgets:
         return
     widgets = widgets.value
@@ -169,7 +168,7 @@ def wayland_window_dark(gnome):
     return f"background {hex_colour(back)} across {fmt_rect(area)}"
 
 
-class Found:
+class Controls:
     def __init__(self, value):
         self.value = value
 
@@ -179,25 +178,9 @@ class Found:
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--app", required=True)
-    parser.add_argument("--shots", required=True)
-    args = parser.parse_args()
+    args = arguments()
     args.client, args.tray = "x11", "none"
-    gnome = None
-    try:
-        gnome = Gnome(args, "gnome-dark")
-        run(gnome)
-        gnome.checks.finish()
-    except Failure as failure:
-        print(f"FAILED: {failure}", file=sys.stderr)
-        if gnome and gnome.app:
-            print("app log:\n" + "\n".join(gnome.app.log[-60:]), file=sys.stderr)
-        return 1
-    finally:
-        if gnome and gnome.app:
-            gnome.app.stop()
-    return 0
+    return drive(args, "gnome-dark", run)
 
 
 if __name__ == "__main__":

@@ -21,20 +21,6 @@
 namespace bonkwell {
 namespace {
 
-// The panel's secondary texts: values, the hint, and the counters' captions.
-QList<QLabel*> secondaryLabels(QWidget* panel) {
-    QList<QLabel*> found;
-    for (QLabel* label : panel->findChildren<QLabel*>()) {
-        const QString name = label->objectName();
-        if (name == QLatin1String("sensitivityValue") || name == QLatin1String("volumeValue") ||
-            name == QLatin1String("sensitivityHint") || label->text() == QLatin1String("Today") ||
-            label->text() == QLatin1String("Total")) {
-            found.append(label);
-        }
-    }
-    return found;
-}
-
 // Counts the palette changes a widget receives.
 class PaletteChanges final : public QObject {
   public:
@@ -81,7 +67,7 @@ class ColorSchemeTest : public ::testing::Test {
     QColor panelWindow() const { return view->palette().color(QPalette::Window); }
 
     void expectSecondaryReadable(const char* where) {
-        const QList<QLabel*> labels = secondaryLabels(view.get());
+        const QList<QLabel*> labels = test::secondaryLabels(view.get());
         ASSERT_EQ(labels.size(), 5) << where;
         const QColor behind = panelWindow();
         for (QLabel* label : labels) {

@@ -39,20 +39,6 @@ QPalette paletteOf(const Theme& theme) {
     return p;
 }
 
-// The panel's secondary texts: values, the hint, and the counters' captions.
-QList<QLabel*> secondaryLabels(QWidget* panel) {
-    QList<QLabel*> found;
-    for (QLabel* label : panel->findChildren<QLabel*>()) {
-        const QString name = label->objectName();
-        if (name == QLatin1String("sensitivityValue") || name == QLatin1String("volumeValue") ||
-            name == QLatin1String("sensitivityHint") || label->text() == QLatin1String("Today") ||
-            label->text() == QLatin1String("Total")) {
-            found.append(label);
-        }
-    }
-    return found;
-}
-
 class ContrastTest : public ::testing::Test {
   protected:
     void SetUp() override { saved = QApplication::palette(); }
@@ -68,7 +54,7 @@ class ContrastTest : public ::testing::Test {
     }
 
     void expectReadable(const Theme& theme) {
-        const QList<QLabel*> labels = secondaryLabels(view.get());
+        const QList<QLabel*> labels = test::secondaryLabels(view.get());
         ASSERT_EQ(labels.size(), 5) << theme.name;
         for (QLabel* label : labels) {
             const QColor drawn = label->palette().color(label->foregroundRole());

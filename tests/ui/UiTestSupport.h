@@ -124,4 +124,19 @@ inline QStringList visibleTexts(const QWidget* root) {
     return texts;
 }
 
+inline  // The panel's secondary texts: values, the hint, and the counters' captions.
+    QList<QLabel*>
+    secondaryLabels(QWidget* panel) {
+    QList<QLabel*> found;
+    for (QLabel* label : panel->findChildren<QLabel*>()) {
+        const QString name = label->objectName();
+        if (name == QLatin1String("sensitivityValue") || name == QLatin1String("volumeValue") ||
+            name == QLatin1String("sensitivityHint") || label->text() == QLatin1String("Today") ||
+            label->text() == QLatin1String("Total")) {
+            found.append(label);
+        }
+    }
+    return found;
+}
+
 }  // namespace bonkwell::test
