@@ -68,17 +68,19 @@ void AppDelegate::applicationDidFinishLaunching() {
 }
 
 void AppDelegate::handleSlap(double amplitude) {
-    state_->bumpCounts();
+    // Counted at once, so the views show it; saved once the sound is on its way, since the
+    // durable save waits for the disk and would otherwise delay the sound by milliseconds.
+    state_->countSlap();
     const SoundPack pack = packManager_->pack(state_->selectedPackName.get());
     // A pack without sounds (a stale name, a Custom folder with only sub-folders, deleted
-    // files) plays nothing; the slap above is counted all the same.
-    if (pack.files.isEmpty()) {
-        return;
+    // files) plays nothing; the slap above is counted and saved all the same.
+    if (!pack.files.isEmpty()) {
+        const PlayMode mode = state_->mode.get();
+        const double volume = state_->volume.get();
+        const bool scaling = state_->volumeScaling.get();
+        audio_->playSlap(pack, mode, amplitude, volume, scaling);
     }
-    const PlayMode mode = state_->mode.get();
-    const double volume = state_->volume.get();
-    const bool scaling = state_->volumeScaling.get();
-    audio_->playSlap(pack, mode, amplitude, volume, scaling);
+    state_->save();
 }
 
 void AppDelegate::applicationWillTerminate() {

@@ -242,6 +242,11 @@ void AppState::showLiveSample(double magnitude) {
 }
 
 void AppState::bumpCounts() {
+    countSlap();
+    save();
+}
+
+void AppState::countSlap() {
     const Date now = clock_->now();
     if (!isSameLocalDay(lastCountDate.get(), now)) {
         todayCount.set(0);
@@ -257,7 +262,6 @@ void AppState::bumpCounts() {
     }
     totalCount.set(total);
     lastCountDate.set(now);
-    save();
 }
 
 }  // namespace bonkwell

@@ -93,6 +93,9 @@ class AppState : public QObject, public LiveSampleSource {
     void bind(SlapDetectorInterface* detector, AudioPlayerInterface* audio,
               SoundPackManagerInterface* packManager, ThuzzEngineInterface* engine);
     void bumpCounts();
+    // bumpCounts() without the save: the slap handler starts the sound first and saves after,
+    // since a durable save (two fsyncs) can take several milliseconds.
+    void countSlap();
 
     void addLiveViewer() override;
     void removeLiveViewer() override;

@@ -84,7 +84,7 @@ Figures summarize(std::span<const Trial> trials);
 // Calls `trigger` `count` times with a random pause of `minPauseMs`..`maxPauseMs` after each,
 // so that the triggers land on every phase of the audio buffer. `trigger` returns the
 // CLOCK_MONOTONIC time it counts from. Each trigger gets the onsets (`takeOnsets`: the times
-// seen since the last call, such as Recorder::takeOnsets) from 5 ms before it up to 5 ms
+// seen since the last call, such as Recorder::takeOnsets) from 15 ms before it up to 15 ms
 // before the next one (the last one: up to `minPauseMs` after it).
 std::vector<Trial> runTrials(const std::function<std::vector<double>()>& takeOnsets, int count,
                              int minPauseMs, int maxPauseMs,

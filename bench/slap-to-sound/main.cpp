@@ -94,34 +94,10 @@ std::pair<double, double> idleCpu(int serverPid, pid_t recorderTid, double secon
     return {(self1 - self0) / seconds * 100.0, (cpuSeconds(server) - server0) / seconds * 100.0};
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: %s <clip.mp3> <sink monitor> [server pid] [triggers]\n",
-                     argv[0]);
-        return 2;
-    }
-    const QString clip = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
-    const std::string monitor = argv[2];
-    const int serverPid = argc > 3 ? std::atoi(argv[3]) : 0;
-    const int count = argc > 4 ? std::max(25, std::atoi(argv[4])) : 25;
-
-    Recorder recorder;
-    std::string recordError;
-    if (!recorder.start(monitor, &recordError)) {
-        std::fprintf(stderr, "slap-to-sound: %s\n", recordError.c_str());
-        return 1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(bonkwell::bench::kSettleMilliseconds));
-
-    bonkwell::SoundPack pack;
-    pack.name = QStringLiteral("Bench");
-    pack.files << clip;
-    std::printf("clip %s, %d triggers per row, at %d Hz\n", qPrintable(QFileInfo(clip).fileName()),
-                count, bonkwell::bench::kRecordRate);
-
+// The player with the device open and idle-closed, the floor, the decoding cost and the idle
+// CPU, with the goals.
+bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack, const QString& clip,
+                           int serverPid, int count) {
     Figures player;
     Figures cold;
     std::uint64_t opens = 0;
@@ -168,7 +144,7 @@ int main(int argc, char** argv) {
         recorder, clip.toStdString(), count, appFrames, &driver, &error, &floorFrames);
     if (!floorFigures) {
         std::fprintf(stderr, "slap-to-sound: %s\n", error.c_str());
-        return 1;
+        return false;
     }
     std::printf(
         "SDL audio driver: %s; the app's buffer for it: %d frames (%.1f ms), the floor's "
@@ -227,7 +203,42 @@ int main(int argc, char** argv) {
     std::printf("goal (median <= 20 ms and <= 1.5x floor): %s\n", goal ? "met" : "NOT met");
     std::printf("goal (floor median <= 6 ms): %s\n", floor.median() <= 6.0 ? "met" : "NOT met");
     std::fflush(stdout);
+    return true;
+}
 
+}  // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: %s <clip.mp3> <sink monitor> [server pid] [triggers]\n",
+                     argv[0]);
+        return 2;
+    }
+    const QString clip = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
+    const std::string monitor = argv[2];
+    const int serverPid = argc > 3 ? std::atoi(argv[3]) : 0;
+    const int count = argc > 4 ? std::max(25, std::atoi(argv[4])) : 25;
+
+    Recorder recorder;
+    std::string recordError;
+    if (!recorder.start(monitor, &recordError)) {
+        std::fprintf(stderr, "slap-to-sound: %s\n", recordError.c_str());
+        return 1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(bonkwell::bench::kSettleMilliseconds));
+
+    bonkwell::SoundPack pack;
+    pack.name = QStringLiteral("Bench");
+    pack.files << clip;
+    std::printf("clip %s, %d triggers per row, at %d Hz\n", qPrintable(QFileInfo(clip).fileName()),
+                count, bonkwell::bench::kRecordRate);
+
+    // $BONKWELL_BENCH_ONLY_BUFFERS=1 skips to the buffer sizes (for trying server settings).
+    if (qEnvironmentVariableIntValue("BONKWELL_BENCH_ONLY_BUFFERS") == 0 &&
+        !measurePlayerAndFloor(recorder, pack, clip, serverPid, count)) {
+        return 1;
+    }
     // $BONKWELL_BENCH_BUFFERS ("128,256,512" by default) lists the sizes to compare.
     std::vector<int> sizes;
     for (const QString& word : qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512")

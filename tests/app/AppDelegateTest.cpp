@@ -45,6 +45,7 @@ class AppDelegateTest : public ::testing::Test {
         auto engineDouble = std::make_unique<RecordingEngine>(journal);
         engineDouble->state = install;
         detector = detectorDouble.get();
+        audio = audioDouble.get();
         packs = packsDouble.get();
         engine = engineDouble.get();
         AppDelegate::Parts parts{std::move(state), std::move(detectorDouble),
@@ -62,6 +63,7 @@ class AppDelegateTest : public ::testing::Test {
     ManualClock clock{kNewYear};
     std::unique_ptr<AppDelegate> delegate;
     RecordingDetector* detector = nullptr;
+    RecordingAudio* audio = nullptr;
     FakePackManager* packs = nullptr;
     RecordingEngine* engine = nullptr;
 };
@@ -190,10 +192,35 @@ TEST_F(AppDelegateTest, ASlapIsCountedThenPlayedWithTheCurrentSettings) {
     packs->files["Halo"] = QStringList{"/x/a.mp3"};
     journal.calls.clear();
     detector->onSlap(0.42);
-    EXPECT_EQ(journal.calls, (QStringList{"save", "packs.pack(Halo)",
-                                          "audio.playSlap(Halo,escalation,0.42,0.5,flat)"}));
+    EXPECT_EQ(
+        journal.calls,
+        (QStringList{"packs.pack(Halo)", "audio.playSlap(Halo,escalation,0.42,0.5,flat)", "save"}));
     EXPECT_EQ(delegate->state().todayCount.get(), 1);
     EXPECT_EQ(delegate->state().totalCount.get(), 1);
+}
+
+TEST_F(AppDelegateTest, TheSoundStartsBeforeTheDurableSaveWhichHoldsTheNewCount) {
+    make(InstallState::installed, true);
+    delegate->applicationDidFinishLaunching();
+    packs->files["Pain"] = QStringList{"/x/a.mp3"};
+    std::int64_t countShownAtPlay = -1;
+    std::size_t writesAtPlay = 0;
+    audio->onPlaySlap = [&] {
+        countShownAtPlay = delegate->state().totalCount.get();
+        writesAtPlay = store.writes.size();
+    };
+    store.writes.clear();
+    engine->onEvent(ThuzzEvent{0.3, "hard", 1});
+    engine->onEvent(ThuzzEvent{0.3, "hard", 2});
+    // When the second sound is handed over, its count is already shown but not yet on disk.
+    EXPECT_EQ(countShownAtPlay, 2);
+    EXPECT_EQ(writesAtPlay, 1u);
+    // Then it is stored durably, with that count.
+    ASSERT_EQ(store.writes.size(), 2u);
+    EXPECT_EQ(store.savedSnapshot(1).totalCount, 2);
+    EXPECT_EQ(store.savedSnapshot(1).todayCount, 2);
+    const auto stored = AppState::Snapshot::decode(store.data(AppState::defaultsKey).value());
+    EXPECT_EQ(stored->totalCount, 2);
 }
 
 TEST_F(AppDelegateTest, EngineEventsAreSlapsToo) {
@@ -202,7 +229,8 @@ TEST_F(AppDelegateTest, EngineEventsAreSlapsToo) {
     packs->files["Pain"] = QStringList{"/x/a.mp3"};
     journal.calls.clear();
     engine->onEvent(ThuzzEvent{0.3, "hard", 7});
-    EXPECT_EQ(journal.calls.last(), "audio.playSlap(Pain,random,0.3,1,scaled)");
+    EXPECT_EQ(journal.calls, (QStringList{"packs.pack(Pain)",
+                                          "audio.playSlap(Pain,random,0.3,1,scaled)", "save"}));
     EXPECT_EQ(delegate->state().totalCount.get(), 1);
 }
 
@@ -217,7 +245,7 @@ TEST_F(AppDelegateTest, ASlapOnAnEmptyPackIsStillCountedAndSaved) {
     ASSERT_EQ(store.writes.size(), 1u);
     EXPECT_EQ(store.savedSnapshot(0).totalCount, 1);
     // The pack has no files: the player is not asked to play.
-    EXPECT_EQ(journal.calls, (QStringList{"save", "packs.pack(Pain)"}));
+    EXPECT_EQ(journal.calls, (QStringList{"packs.pack(Pain)", "save"}));
 }
 
 TEST_F(AppDelegateTest, SlapsOnEitherSideOfMidnightStartANewDay) {

@@ -344,6 +344,11 @@ TEST_F(RealSoundTest, TheBufferIsTheDriversUnlessOneIsGiven) {
     EXPECT_EQ(out->bufferFrames(), 128);
 }
 
+TEST(SoundBufferTest, PipeWireGetsTheSmallestBufferPulseAudioTheSafeOne) {
+    EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QStringLiteral("pipewire")), 128);
+    EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QStringLiteral("pulseaudio")), 512);
+}
+
 TEST(SoundBufferTest, DriversWithoutAMeasuredSizeGetTheSafeOne) {
     EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QStringLiteral("alsa")), 512);
     EXPECT_EQ(SdlSoundOutput::bufferFramesFor(QStringLiteral("disk")), 512);

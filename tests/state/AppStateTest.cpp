@@ -310,6 +310,21 @@ TEST_F(AppStateTest, SlapsOnTheSameDayAddUp) {
     EXPECT_EQ(store.savedSnapshot(1).todayCount, 2);
 }
 
+TEST_F(AppStateTest, CountingASlapWithoutSavingLeavesTheSaveToTheCaller) {
+    auto state = makeState();
+    clock.setNow(kNewYear.addingSeconds(3600));
+    state->lastCountDate.set(kNewYear.addingSeconds(60));
+    store.writes.clear();
+    state->countSlap();
+    EXPECT_EQ(state->todayCount.get(), 1);
+    EXPECT_EQ(state->totalCount.get(), 1);
+    EXPECT_EQ(state->lastCountDate.get(), kNewYear.addingSeconds(3600));
+    EXPECT_TRUE(store.writes.empty());
+    state->save();
+    ASSERT_EQ(store.writes.size(), 1u);
+    EXPECT_EQ(store.savedSnapshot(0).totalCount, 1);
+}
+
 TEST_F(AppStateTest, ASlapAfterMidnightStartsANewDay) {
     auto state = makeState();
     state->todayCount.set(5);

@@ -144,11 +144,16 @@ class RecordingAudio final : public AudioPlayerInterface {
                                   .arg(amplitude)
                                   .arg(userVolume)
                                   .arg(volumeScaling ? "scaled" : "flat"));
+        if (onPlaySlap) {
+            onPlaySlap();
+        }
     }
     void playTest(const SoundPack& pack, double userVolume) override {
         journal_.calls.append(
             QStringLiteral("audio.playTest(%1,%2)").arg(pack.name).arg(userVolume));
     }
+    // Called at each playSlap, after it is journaled.
+    std::function<void()> onPlaySlap;
 
   private:
     CallJournal& journal_;
