@@ -25,11 +25,11 @@ done
 [ $# -gt 0 ] || { echo "session.sh: no command" >&2; exit 2; }
 
 here="$(cd "$(dirname "$0")" && pwd)"
+# shellcheck source=shells/common.sh
+. "$here/shells/common.sh"
 
 if [ -z "${BONKWELL_IN_SESSION_BUS:-}" ]; then
-    for tool in dbus-run-session Xvfb openbox xprop; do
-        command -v "$tool" >/dev/null || { echo "session.sh: $tool is missing (run scripts/install-deps)" >&2; exit 1; }
-    done
+    need_tools session.sh dbus-run-session Xvfb openbox xprop
     export BONKWELL_IN_SESSION_BUS=1
     exec dbus-run-session -- "$0" --tray "$tray" $([ "$sound" = 1 ] && echo --sound) -- "$@"
 fi
@@ -46,19 +46,6 @@ trap cleanup EXIT
 export XDG_RUNTIME_DIR="$scratch/run"
 mkdir -m 700 -p "$XDG_RUNTIME_DIR"
 export BONKWELL_SESSION_DIR="$scratch"
-
-wait_for() {  # wait_for SECONDS DESCRIPTION COMMAND…
-    local limit=$(( $1 * 10 )) what="$2"; shift 2
-    for ((n=0; n<limit; n++)); do
-        if "$@" >/dev/null 2>&1; then return 0; fi
-        sleep 0.1
-    done
-    echo "session.sh: $what did not come up within $(( limit / 10 )) s" >&2
-    for log in "$scratch"/*.log; do
-        [ -s "$log" ] && { echo "--- $log" >&2; tail -n 20 "$log" >&2; }
-    done
-    return 1
-}
 
 # X server on a free display number.
 exec 3> "$scratch/display"
