@@ -102,7 +102,8 @@ struct PulseSoundOutput::Connection {
     // Opens the connection and the stream; false with `error` set when that fails.
     bool open(QString& error);
 
-    // The server lost us, or we it: stop every sound and say so once.
+    // The server lost us, or we it: stop every sound and, once the stream had been playing,
+    // say so once (a connection that fails while opening is reported by the opener).
     void lose(const char* what) {
         if (lost) {
             return;
@@ -110,7 +111,7 @@ struct PulseSoundOutput::Connection {
         lost = true;
         state.open = false;
         mixer.clear();
-        if (!state.outage.exchange(true)) {
+        if (established && !state.outage.exchange(true)) {
             logLine(QStringLiteral("Bonkwell: the sound server went away (%1); slaps stay silent "
                                    "until it is back")
                         .arg(QString::fromUtf8(what)));
@@ -146,9 +147,10 @@ struct PulseSoundOutput::Connection {
     pa_threaded_mainloop* mainloop = nullptr;
     pa_context* context = nullptr;
     pa_stream* stream = nullptr;
-    bool ready = false;     // stream thread and opener, under the main loop's lock
-    bool lost = false;      // ditto
-    bool timedOut = false;  // ditto
+    bool ready = false;        // stream thread and opener, under the main loop's lock
+    bool lost = false;         // ditto
+    bool timedOut = false;     // ditto
+    bool established = false;  // ditto: the stream was open and playing
 };
 
 namespace {
@@ -258,6 +260,7 @@ bool PulseSoundOutput::Connection::open(QString& error) {
         ok = ok && ready && !lost;
     }
     api->time_free(timer);
+    established = ok;
     if (!ok) {
         error = timedOut && !lost ? QStringLiteral("the sound server does not answer")
                                   : QString::fromUtf8(pa_strerror(pa_context_errno(context)));

@@ -184,6 +184,7 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
                                     }));
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
             recorder.takeDropouts();
+            const std::uint64_t underrunsBefore = pulse != nullptr ? pulse->underruns() : 0;
             for (int i = 0; i < kTones; ++i) {
                 player.playTest(tonePack, 1.0);
                 std::this_thread::sleep_for(
@@ -195,8 +196,9 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
                           busy ? "all cores busy" : "at rest");
             char underruns[48] = "";
             if (pulse != nullptr) {
-                std::snprintf(underruns, sizeof underruns, "   (server: %llu underruns)",
-                              static_cast<unsigned long long>(pulse->underruns()));
+                std::snprintf(
+                    underruns, sizeof underruns, "   (server: %llu underruns)",
+                    static_cast<unsigned long long>(pulse->underruns() - underrunsBefore));
             }
             std::printf("%-56s median %6.1f ms   p90 %6.1f ms   max %6.1f   dropouts %d%s%s\n",
                         what, latency.median(), latency.p90(), latency.at(1.0), dropouts, underruns,

@@ -249,6 +249,29 @@ TEST_F(PulseOutputTest, AServerKilledWhilePlayingIsLoggedOnceAndTheNextSlapAfter
     EXPECT_NEAR(toneAmplitude(left, b, b + kRate / 5, 440), 0.5, 0.05);
 }
 
+TEST_F(PulseOutputTest, WithoutAServerOneLineThenEveryPlaybackTriesAgain) {
+    LogCapture log;
+    {
+        ScopedEnv nowhere("PULSE_SERVER", QStringLiteral("unix:/nonexistent/bonkwell-test"));
+        startPlayer();
+        for (int i = 0; i < 3; ++i) {
+            slap(kData + "/tone-440.mp3", 0.8);
+            settle();
+        }
+        ASSERT_EQ(log.lines().size(), 1) << qPrintable(log.lines().join('\n'));
+        EXPECT_TRUE(log.lines().at(0).startsWith("Bonkwell: no sound output ("))
+            << qPrintable(log.lines().at(0));
+        EXPECT_FALSE(output_->isOpen());
+    }
+    // The session's server (the private one) is found by the very next slap.
+    slap(kData + "/tone-440.mp3", 0.8);
+    settle();
+    std::this_thread::sleep_for(450ms);
+    EXPECT_EQ(log.lines().value(1), "Bonkwell: sound output available again");
+    const std::vector<float> left = finish();
+    EXPECT_EQ(soundingSegments(left).size(), 1U);
+}
+
 TEST_F(PulseOutputTest, BadFilesAreRefusedWithTheSameTextsAsEver) {
     LogCapture log;
     startPlayer();
