@@ -9,6 +9,7 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <vector>
@@ -132,12 +133,38 @@ struct PulseSoundOutput::Connection {
                 pa_stream_cancel_write(stream);
                 return;
             }
-            mixer.render(static_cast<std::int16_t*>(data), frames);
+            const std::size_t heard = mixer.render(static_cast<std::int16_t*>(data), frames);
+            silentFrames = heard == 0 ? silentFrames + frames : 0;
             if (pa_stream_write(stream, data, frames * kFrameBytes, nullptr, 0, PA_SEEK_RELATIVE) <
                 0) {
                 return;
             }
             bytes -= frames * kFrameBytes;
+        }
+    }
+
+    // A sound was just added. When everything queued is silence, the queue is written anew
+    // from the server's read position, so the sound starts at once instead of behind it;
+    // otherwise what fits now is added behind the queue.
+    void start() {
+        const pa_buffer_attr* attr = pa_stream_get_buffer_attr(stream);
+        const std::size_t queue = attr != nullptr ? attr->tlength : 0;
+        if (options.rewriteQueue && queue > 0 && silentFrames * kFrameBytes >= queue) {
+            void* data = nullptr;
+            std::size_t size = queue;
+            if (pa_stream_begin_write(stream, &data, &size) < 0 || data == nullptr) {
+                return;
+            }
+            const std::size_t frames = std::min(size, queue) / kFrameBytes;
+            mixer.render(static_cast<std::int16_t*>(data), frames);
+            silentFrames = 0;
+            pa_stream_write(stream, data, frames * kFrameBytes, nullptr, 0,
+                            PA_SEEK_RELATIVE_ON_READ);
+            return;
+        }
+        const std::size_t room = pa_stream_writable_size(stream);
+        if (room != static_cast<std::size_t>(-1)) {
+            fill(room);
         }
     }
 
@@ -147,10 +174,11 @@ struct PulseSoundOutput::Connection {
     pa_threaded_mainloop* mainloop = nullptr;
     pa_context* context = nullptr;
     pa_stream* stream = nullptr;
-    bool ready = false;        // stream thread and opener, under the main loop's lock
-    bool lost = false;         // ditto
-    bool timedOut = false;     // ditto
-    bool established = false;  // ditto: the stream was open and playing
+    bool ready = false;            // stream thread and opener, under the main loop's lock
+    bool lost = false;             // ditto
+    bool timedOut = false;         // ditto
+    bool established = false;      // ditto: the stream was open and playing
+    std::size_t silentFrames = 0;  // ditto: silence written since the last sound
 };
 
 namespace {
@@ -352,15 +380,12 @@ std::unique_ptr<Voice> PulseSoundOutput::play(const QString& path, float gain, Q
     std::memcpy(samples.data(), chunk->abuf, samples.size() * sizeof(std::int16_t));
     Mix_FreeChunk(chunk);
     auto track = connection_->mixer.add(std::move(samples));
-    // Room in the queue now: the sound need not wait for the server's next request.
+    // The sound need not wait for the server's next request.
     pa_threaded_mainloop_lock(connection_->mainloop);
     if (connection_->lost) {
         connection_->mixer.clear();  // the server went just now: the sound is not heard
     } else {
-        const std::size_t room = pa_stream_writable_size(connection_->stream);
-        if (room != static_cast<std::size_t>(-1)) {
-            connection_->fill(room);
-        }
+        connection_->start();
     }
     pa_threaded_mainloop_unlock(connection_->mainloop);
     return std::make_unique<PulseVoice>(std::move(track));

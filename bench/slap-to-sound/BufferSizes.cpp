@@ -74,6 +74,7 @@ std::unique_ptr<SoundOutput> outputFor(const BufferChoice& choice) {
         options.periods = choice.periods;
         options.requests = choice.earlyRequests ? PulseSoundOutput::Requests::earlyRequests
                                                 : PulseSoundOutput::Requests::adjustLatency;
+        options.rewriteQueue = choice.rewrite;
         return std::make_unique<PulseSoundOutput>(options);
     }
     SdlSoundOutput::Options options;
@@ -84,9 +85,10 @@ std::unique_ptr<SoundOutput> outputFor(const BufferChoice& choice) {
 std::string describe(const BufferChoice& choice) {
     char what[96];
     if (choice.pulse) {
-        std::snprintf(what, sizeof what, "own stream %d x %3d frames (%4.1f ms)%s", choice.periods,
-                      choice.frames, choice.periods * choice.frames * 1000.0 / kRecordRate,
-                      choice.earlyRequests ? " early" : "");
+        std::snprintf(what, sizeof what, "own stream %d x %3d frames (%4.1f ms)%s%s",
+                      choice.periods, choice.frames,
+                      choice.periods * choice.frames * 1000.0 / kRecordRate,
+                      choice.earlyRequests ? " early" : "", choice.rewrite ? " rewrite" : "");
     } else {
         std::snprintf(what, sizeof what, "SDL %4d frames (%4.1f ms)", choice.frames,
                       choice.frames * 1000.0 / kRecordRate);
@@ -126,20 +128,22 @@ std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& 
     std::vector<BufferChoice> choices;
     for (const QString& word : sdl.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
         if (const int n = word.trimmed().toInt(); n > 0) {
-            choices.push_back({false, n, 0, false});
+            choices.push_back({false, n, 0, false, false});
         }
     }
     for (QString word : pulse.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
         word = word.trimmed();
-        const bool early = word.endsWith(QLatin1Char('e'));
-        if (early) {
+        bool early = false;
+        bool rewrite = false;
+        while (word.endsWith(QLatin1Char('e')) || word.endsWith(QLatin1Char('r'))) {
+            (word.endsWith(QLatin1Char('e')) ? early : rewrite) = true;
             word.chop(1);
         }
         const QStringList parts = word.split(QLatin1Char('x'));
         const int frames = parts.value(0).toInt();
         const int periods = parts.value(1).toInt();
         if (parts.size() == 2 && frames > 0 && periods > 0) {
-            choices.push_back({true, frames, periods, early});
+            choices.push_back({true, frames, periods, early, rewrite});
         }
     }
     return choices;

@@ -22,10 +22,12 @@ struct BufferChoice {
     int frames = 0;
     int periods = 0;
     bool earlyRequests = false;  // PulseAudio: early requests instead of an adjusted latency
+    bool rewrite = false;        // PulseAudio: a sound after silence rewrites the queue
 };
 
-// "128,256,512" (SDL buffers) and "96x3,128x2e,…" (PulseAudio periods × count; a trailing
-// 'e' asks for early requests) into choices.
+// "128,256,512" (SDL buffers) and "96x3,128x2e,96x6r…" (PulseAudio periods × count; a
+// trailing 'e' asks for early requests, an 'r' rewrites the queue for a sound after silence)
+// into choices.
 std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& pulse);
 
 // Prints one row per choice and load. The latency figures play `clips` (`count` triggers

@@ -290,7 +290,7 @@ int main(int argc, char** argv) {
     const std::vector<bonkwell::bench::BufferChoice> choices = bonkwell::bench::parseBufferChoices(
         qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512"),
         qEnvironmentVariable("BONKWELL_BENCH_PULSE",
-                             pulseServer ? "64x3,96x2,96x3,128x3,96x3e" : ""));
+                             pulseServer ? "96x3,48x8,96x3r,192x2r,256x2r" : ""));
     bonkwell::bench::compareBufferSizes(recorder, pack, choices, count);
     return 0;
 }
