@@ -113,14 +113,14 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
     // The app's own output, the one the app would choose for this server; the outputs it
     // makes are watched for their openings.
     std::vector<const bonkwell::SoundOutput*> made;
-    const auto chooser = [&made, &outputName] {
+    bool ownStream = false;
+    const auto chooser = [&made, &outputName, &ownStream] {
         return std::make_unique<bonkwell::ChoosingSoundOutput>(
-            [&made, &outputName](bonkwell::ChoosingSoundOutput::Kind kind) {
+            [&made, &outputName, &ownStream](bonkwell::ChoosingSoundOutput::Kind kind) {
                 auto output = bonkwell::ChoosingSoundOutput::makeOutput(kind);
                 made.push_back(output.get());
-                outputName = kind == bonkwell::ChoosingSoundOutput::Kind::pulse
-                                 ? "own PulseAudio stream"
-                                 : "SDL2_mixer";
+                ownStream = kind == bonkwell::ChoosingSoundOutput::Kind::pulse;
+                outputName = ownStream ? "own PulseAudio stream" : "SDL2_mixer";
                 return output;
             });
     };
@@ -181,7 +181,18 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
         "SDL audio driver: %s; the app's buffer for it: %d frames (%.1f ms), the floor's "
         "the same\n",
         driver.c_str(), floorFrames, floorFrames * 1000.0 / bonkwell::bench::kRecordRate);
-    const Figures floor = *floorFigures;
+    const Figures sdlFloor = *floorFigures;
+    // Where the app plays through its own PulseAudio stream, that stream is its floor.
+    std::optional<Figures> streamFloor;
+    if (ownStream) {
+        streamFloor =
+            bonkwell::bench::measureBareStream(recorder, clip.toStdString(), count, &error);
+        if (!streamFloor) {
+            std::fprintf(stderr, "slap-to-sound: %s\n", error.c_str());
+            return false;
+        }
+    }
+    const Figures floor = streamFloor.value_or(sdlFloor);
 
     // What decoding at every playback costs: read, decode, scale and start each built-in clip.
     std::vector<double> decodeMs;
@@ -212,7 +223,12 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
     std::printf("\n");
     std::printf("the app's output on this server: %s\n", outputName);
     bonkwell::bench::print("AudioPlayer::playSlap, output open", player);
-    bonkwell::bench::print("bare SDL2_mixer loop (floor)", floor);
+    if (streamFloor) {
+        bonkwell::bench::print("bare own PulseAudio stream (floor)", *streamFloor);
+        bonkwell::bench::print("bare SDL2_mixer loop (SDL's floor)", sdlFloor);
+    } else {
+        bonkwell::bench::print("bare SDL2_mixer loop (floor)", sdlFloor);
+    }
     bonkwell::bench::print("AudioPlayer::playSlap, output idle-closed", cold);
     std::printf("(the idle-closed row opened the device %llu times)\n",
                 static_cast<unsigned long long>(opens));
