@@ -74,9 +74,10 @@ int SdlSoundOutput::bufferFramesFor(const QString& driver) {
     if (driver == QLatin1String("pipewire")) {
         return 128;
     }
-    // PulseAudio: SDL asks the server for exactly one buffer and refills only once all of it
-    // has played, so a buffer that small runs dry whenever the refill is a little late; 512
-    // frames ran dry least.
+    // PulseAudio (where the app normally plays through its own stream instead, see
+    // PulseSoundOutput; SDL plays there when $SDL_AUDIODRIVER asks for it): SDL asks the
+    // server for exactly one buffer and refills only once all of it has played, so a buffer
+    // that small runs dry whenever the refill is a little late; 512 frames ran dry least.
     return 512;  // also ALSA straight to a card, and the file and silent drivers of tests
 }
 
