@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AudioPlayer.h"
 
+#include "ChoosingSoundOutput.h"
 #include "Log.h"
-#include "SdlSoundOutput.h"
 
 #include <QFileInfo>
 
 namespace bonkwell {
 
 AudioPlayer::AudioPlayer(const Clock& clock)
-    : AudioPlayer(clock, std::make_unique<SdlSoundOutput>()) {}
+    : AudioPlayer(clock, std::make_unique<ChoosingSoundOutput>()) {}
 
 AudioPlayer::AudioPlayer(const Clock& clock, std::unique_ptr<SoundOutput> output,
                          std::chrono::milliseconds idleRelease)

@@ -26,7 +26,7 @@ class AudioPlayer : public AudioPlayerInterface {
     // about 2 ms (bench/slap-to-sound), so bursts keep it open and quiet hours do not.
     static constexpr std::chrono::seconds kIdleRelease{5};
 
-    // Plays through SDL2_mixer. `clock` supplies "now" for the escalation score and must
+    // Plays through ChoosingSoundOutput. `clock` supplies "now" for the escalation score and must
     // outlive the player.
     explicit AudioPlayer(const Clock& clock);
     // Plays through `output` (tests record, or render to a file).

@@ -2,24 +2,14 @@
 #include "SdlSoundOutput.h"
 
 #include "Log.h"
+#include "SoundFile.h"
+#include "SoundServer.h"
 
 #include <SDL.h>
 #include <SDL_mixer.h>
 
-#include <QFile>
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cmath>
-#include <cstring>
-#include <optional>
 #include <vector>
 
 namespace bonkwell {
@@ -68,96 +58,12 @@ class SdlVoice final : public Voice {
     Mix_Chunk* chunk_;
 };
 
-// Reads a whole regular file without ever blocking on it (a FIFO named "x.mp3" must not
-// hang the audio thread).
-std::optional<QByteArray> readSoundFile(const QString& path, qint64 maxBytes, QString& error) {
-    const QByteArray name = QFile::encodeName(path);
-    const int fd = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        error = QString::fromLocal8Bit(std::strerror(errno));
-        return std::nullopt;
-    }
-    struct stat st {};
-    std::optional<QByteArray> result;
-    if (::fstat(fd, &st) != 0) {
-        error = QString::fromLocal8Bit(std::strerror(errno));
-    } else if (!S_ISREG(st.st_mode)) {
-        error = QStringLiteral("not a regular file");
-    } else if (st.st_size == 0) {
-        error = QStringLiteral("the file is empty");
-    } else if (st.st_size > maxBytes) {
-        error = QStringLiteral("the file is too large (%1 MB; sounds over %2 MB are not played)")
-                    .arg(static_cast<double>(st.st_size) / (1024.0 * 1024.0), 0, 'f', 1)
-                    .arg(maxBytes / (1024 * 1024));
-    } else {
-        QByteArray data(static_cast<qsizetype>(st.st_size), Qt::Uninitialized);
-        qsizetype got = 0;
-        while (got < data.size()) {
-            const ssize_t n = ::read(fd, data.data() + got, static_cast<size_t>(data.size() - got));
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n < 0) {
-                error = QString::fromLocal8Bit(std::strerror(errno));
-                break;
-            }
-            if (n == 0) {
-                break;  // the file shrank while we read it: play what is there
-            }
-            got += n;
-        }
-        if (error.isEmpty()) {
-            data.truncate(got);
-            result = std::move(data);
-        }
-    }
-    ::close(fd);
-    return result;
-}
-
-// Multiplies the decoded samples by `gain`, rounding, so that the level is exactly linear.
-void applyGain(Mix_Chunk* chunk, float gain) {
-    if (gain == 1.0F) {
-        return;
-    }
-    auto* samples = reinterpret_cast<Sint16*>(chunk->abuf);
-    const std::size_t count = chunk->alen / sizeof(Sint16);
-    for (std::size_t i = 0; i < count; ++i) {
-        samples[i] = static_cast<Sint16>(std::lrint(static_cast<float>(samples[i]) * gain));
-    }
-}
-
 }  // namespace
 
 QString SdlSoundOutput::preferredAudioDrivers() {
-    const QString pulseFirst = QStringLiteral("pulseaudio,pipewire,alsa");
-    if (qEnvironmentVariableIsSet("PULSE_SERVER")) {
-        return pulseFirst;  // an explicitly named server: let PulseAudio's client find it
-    }
-    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    const QByteArray socketPath = QFile::encodeName(runtime + QStringLiteral("/pulse/native"));
-    sockaddr_un address{};
-    if (runtime.isEmpty() || socketPath.size() >= static_cast<qsizetype>(sizeof address.sun_path)) {
-        return pulseFirst;
-    }
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, socketPath.constData(), static_cast<size_t>(socketPath.size()));
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        return pulseFirst;
-    }
-    QString result = pulseFirst;
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.pid > 0) {
-        QFile comm(QStringLiteral("/proc/%1/comm").arg(peer.pid));
-        if (comm.open(QIODevice::ReadOnly) && comm.readAll().startsWith("pipewire")) {
-            result = QStringLiteral("pipewire,pulseaudio,alsa");
-        }
-    }
-    ::close(fd);
-    return result;
+    return sound::sessionSoundServer() == sound::SoundServer::pipeWire
+               ? QStringLiteral("pipewire,pulseaudio,alsa")
+               : QStringLiteral("pulseaudio,pipewire,alsa");
 }
 
 int SdlSoundOutput::bufferFramesFor(const QString& driver) {
@@ -168,9 +74,10 @@ int SdlSoundOutput::bufferFramesFor(const QString& driver) {
     if (driver == QLatin1String("pipewire")) {
         return 128;
     }
-    // PulseAudio: SDL asks the server for exactly one buffer and refills only once all of it
-    // has played, so a buffer that small runs dry whenever the refill is a little late; 512
-    // frames ran dry least.
+    // PulseAudio (where the app normally plays through its own stream instead, see
+    // PulseSoundOutput; SDL plays there when $SDL_AUDIODRIVER asks for it): SDL asks the
+    // server for exactly one buffer and refills only once all of it has played, so a buffer
+    // that small runs dry whenever the refill is a little late; 512 frames ran dry least.
     return 512;  // also ALSA straight to a card, and the file and silent drivers of tests
 }
 
@@ -266,7 +173,7 @@ void SdlSoundOutput::goIdle() {
 }
 
 std::unique_ptr<Voice> SdlSoundOutput::play(const QString& path, float gain, QString& error) {
-    std::optional<QByteArray> data = readSoundFile(path, options_.maxFileBytes, error);
+    std::optional<QByteArray> data = sound::readSoundFile(path, options_.maxFileBytes, error);
     if (!data) {
         return nullptr;
     }
@@ -275,30 +182,11 @@ std::unique_ptr<Voice> SdlSoundOutput::play(const QString& path, float gain, QSt
         return nullptr;
     }
 
-    // Measure first: decoding a long recording would take seconds and a lot of memory.
-    if (Mix_Music* music = Mix_LoadMUS_RW(
-            SDL_RWFromConstMem(data->constData(), static_cast<int>(data->size())), 1)) {
-        const double seconds = Mix_MusicDuration(music);
-        Mix_FreeMusic(music);
-        if (seconds > options_.maxSeconds) {
-            error = QStringLiteral("the sound is too long (%1 s; sounds over %2 s are not played)")
-                        .arg(seconds, 0, 'f', 0)
-                        .arg(options_.maxSeconds);
-            return nullptr;
-        }
-    }
     Mix_Chunk* chunk =
-        Mix_LoadWAV_RW(SDL_RWFromConstMem(data->constData(), static_cast<int>(data->size())), 1);
+        sound::decodeSound(*data, {options_.maxFileBytes, options_.maxSeconds}, gain, error);
     if (chunk == nullptr) {
-        error = sdlError();
         return nullptr;
     }
-    if (chunk->alen == 0) {
-        Mix_FreeChunk(chunk);
-        error = QStringLiteral("no sound could be decoded");
-        return nullptr;
-    }
-    applyGain(chunk, gain);
 
     // A channel no live voice holds; grow the mixer when all are taken.
     auto& held = shared_->channelHeld;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// What the audio player plays through. The real one is SdlSoundOutput; tests record instead.
+// What the audio player plays through. The real ones are PulseSoundOutput and SdlSoundOutput
+// (ChoosingSoundOutput picks one); tests record instead.
 #pragma once
 
 #include <QString>

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AudioBench.h"
 
+#include "PulseSoundOutput.h"
 #include "SdlSoundOutput.h"
+
+#include <QString>
 
 #include <SDL.h>
 #include <SDL_mixer.h>
@@ -219,6 +222,29 @@ std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& c
     Mix_FreeChunk(chunk);
     Mix_CloseAudio();
     SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    return summarize(trials);
+}
+
+std::optional<Figures> measureBareStream(Recorder& recorder, const std::string& clip, int count,
+                                         std::string* error) {
+    PulseSoundOutput output;
+    const QString path = QString::fromStdString(clip);
+    QString playError;
+    // Warm up: the first sound opens the stream, which is not what this loop measures.
+    std::unique_ptr<Voice> voice = output.play(path, 1.0F, playError);
+    if (!voice) {
+        *error = "the own PulseAudio stream does not play " + clip + ": " +
+                 (playError.isEmpty() ? std::string("no server") : playError.toStdString());
+        return std::nullopt;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    const auto onsets = [&] { return recorder.takeOnsets(); };
+    const std::vector<Trial> trials = runTrials(onsets, count, 600, 900, [&] {
+        const double at = monotonicNow();
+        voice = output.play(path, 1.0F, playError);  // the previous sound has ended by now
+        return at;
+    });
+    voice.reset();
     return summarize(trials);
 }
 

@@ -98,6 +98,12 @@ std::optional<Figures> measureBareMixer(Recorder& recorder, const std::string& c
                                         int bufferFrames, std::string* driver, std::string* error,
                                         int* framesUsed = nullptr);
 
+// The floor of the app's own PulseAudio stream: PulseSoundOutput::play (which decodes the file)
+// called straight from this thread, `count` triggers 600-900 ms apart, on the session's
+// PulseAudio.
+std::optional<Figures> measureBareStream(Recorder& recorder, const std::string& clip, int count,
+                                         std::string* error);
+
 // "<what>  median … ms  p90 … ms  min …  max …  (paired/triggers <noun>)"
 void print(const char* what, const Figures& figures, const char* noun = "heard");
 

@@ -3,10 +3,12 @@
 // a fake IIO accelerometer's in_accel_x_raw while the app (with thuzz-detector reading that
 // device) runs, and dates the first sound of each at a null sink's monitor. The same run
 // first measures the floor on the same server and sink: a bare SDL2_mixer loop on the same
-// clip and buffer. With --helper it measures the helper alone instead: spike to its event
-// line. Run through bench/e2e-latency/run, which sets everything up.
+// clip and buffer, and where a real PulseAudio runs (the app plays through its own stream
+// there) a bare loop on that stream, the app's floor. With --helper it measures the helper alone
+// instead: spike to its event line. Run through bench/e2e-latency/run, which sets everything up.
 #include "AudioBench.h"
 #include "SdlSoundOutput.h"
+#include "SoundServer.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -249,6 +251,17 @@ int main(int argc, char** argv) {
         driver.c_str(), bufferFrames, bonkwell::bench::kRecordRate,
         bufferFrames * 1000.0 / bonkwell::bench::kRecordRate);
 
+    // Where a real PulseAudio runs, the app plays through its own stream: that is its floor.
+    std::optional<Figures> streamFloor;
+    if (bonkwell::sound::sessionSoundServer() != bonkwell::sound::SoundServer::pipeWire) {
+        streamFloor = bonkwell::bench::measureBareStream(recorder, clip, slaps, &error);
+        if (!streamFloor) {
+            std::fprintf(stderr, "e2e-latency: %s\n", error.c_str());
+            return 1;
+        }
+    }
+    const Figures appFloor = streamFloor.value_or(*floor);
+
     bool writesFailed = false;
     const auto slapFor = [&](int milliseconds) {
         return spikeFor(fd, milliseconds, &writesFailed);
@@ -273,7 +286,12 @@ int main(int argc, char** argv) {
     std::printf("\n");
     bonkwell::bench::print("slap -> helper -> app -> sink, 100 ms jolt", open);
     bonkwell::bench::print("slap -> helper -> app -> sink, 30 ms jolt", shortOpen);
-    bonkwell::bench::print("bare SDL2_mixer loop (floor)", *floor);
+    if (streamFloor) {
+        bonkwell::bench::print("bare own PulseAudio stream (the app's floor)", *streamFloor);
+        bonkwell::bench::print("bare SDL2_mixer loop (SDL's floor)", *floor);
+    } else {
+        bonkwell::bench::print("bare SDL2_mixer loop (floor)", *floor);
+    }
     if (opening.ms.empty()) {
         std::printf("%-44s no sound\n", "first slap, 100 ms (opens the output)");
     } else {
@@ -283,8 +301,8 @@ int main(int argc, char** argv) {
     std::printf(
         "\nover the floor (median / p90): 100 ms jolt +%.1f / +%.1f ms, 30 ms jolt "
         "+%.1f / +%.1f ms\n",
-        open.median() - floor->median(), open.p90() - floor->p90(),
-        shortOpen.median() - floor->median(), shortOpen.p90() - floor->p90());
+        open.median() - appFloor.median(), open.p90() - appFloor.p90(),
+        shortOpen.median() - appFloor.median(), shortOpen.p90() - appFloor.p90());
     std::printf("slaps written: %d\n", 2 * slaps + 1);
     std::printf("slaps with no sound: %d   with more than one sound: %d\n",
                 opening.silent + open.silent + shortOpen.silent,

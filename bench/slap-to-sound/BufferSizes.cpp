@@ -3,6 +3,7 @@
 
 #include "AudioPlayer.h"
 #include "Clock.h"
+#include "PulseSoundOutput.h"
 #include "SdlSoundOutput.h"
 
 #include <QByteArray>
@@ -36,32 +37,6 @@ void put32(QByteArray& out, std::uint32_t v) {
     put16(out, static_cast<std::uint16_t>(v >> 16));
 }
 
-// A steady 440 Hz tone at half scale, 48 kHz stereo 16-bit WAV.
-bool writeTone(const QString& path) {
-    const auto frames = static_cast<std::uint32_t>(kToneSeconds * kRecordRate);
-    QByteArray wav;
-    wav.append("RIFF");
-    put32(wav, 36 + frames * 4);
-    wav.append("WAVEfmt ");
-    put32(wav, 16);
-    put16(wav, 1);  // PCM
-    put16(wav, 2);
-    put32(wav, kRecordRate);
-    put32(wav, kRecordRate * 4);
-    put16(wav, 4);
-    put16(wav, 16);
-    wav.append("data");
-    put32(wav, frames * 4);
-    for (std::uint32_t i = 0; i < frames; ++i) {
-        const double x = 0.5 * std::sin(2.0 * M_PI * 440.0 * i / kRecordRate);
-        const auto v = static_cast<std::int16_t>(std::lrint(x * 32767.0));
-        put16(wav, static_cast<std::uint16_t>(v));
-        put16(wav, static_cast<std::uint16_t>(v));
-    }
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(wav) == wav.size();
-}
-
 // Busy processes, one per core, for as long as this exists.
 class Load {
   public:
@@ -92,13 +67,93 @@ class Load {
     std::vector<pid_t> pids_;
 };
 
+std::unique_ptr<SoundOutput> outputFor(const BufferChoice& choice) {
+    if (choice.pulse) {
+        PulseSoundOutput::Options options;
+        options.periodFrames = choice.frames;
+        options.periods = choice.periods;
+        options.requests = choice.earlyRequests ? PulseSoundOutput::Requests::earlyRequests
+                                                : PulseSoundOutput::Requests::adjustLatency;
+        options.rewriteQueue = choice.rewrite;
+        return std::make_unique<PulseSoundOutput>(options);
+    }
+    SdlSoundOutput::Options options;
+    options.bufferFrames = choice.frames;
+    return std::make_unique<SdlSoundOutput>(options);
+}
+
+std::string describe(const BufferChoice& choice) {
+    char what[96];
+    if (choice.pulse) {
+        std::snprintf(what, sizeof what, "own stream %d x %3d frames (%4.1f ms)%s%s",
+                      choice.periods, choice.frames,
+                      choice.periods * choice.frames * 1000.0 / kRecordRate,
+                      choice.earlyRequests ? " early" : "", choice.rewrite ? " rewrite" : "");
+    } else {
+        std::snprintf(what, sizeof what, "SDL %4d frames (%4.1f ms)", choice.frames,
+                      choice.frames * 1000.0 / kRecordRate);
+    }
+    return what;
+}
+
 }  // namespace
 
-void compareBufferSizes(Recorder& recorder, const SoundPack& clips, const std::vector<int>& frames,
-                        int count) {
+// A steady 440 Hz tone at half scale, 48 kHz stereo 16-bit WAV.
+bool writeTestTone(const QString& path) {
+    const auto frames = static_cast<std::uint32_t>(kToneSeconds * kRecordRate);
+    QByteArray wav;
+    wav.append("RIFF");
+    put32(wav, 36 + frames * 4);
+    wav.append("WAVEfmt ");
+    put32(wav, 16);
+    put16(wav, 1);  // PCM
+    put16(wav, 2);
+    put32(wav, kRecordRate);
+    put32(wav, kRecordRate * 4);
+    put16(wav, 4);
+    put16(wav, 16);
+    wav.append("data");
+    put32(wav, frames * 4);
+    for (std::uint32_t i = 0; i < frames; ++i) {
+        const double x = 0.5 * std::sin(2.0 * M_PI * 440.0 * i / kRecordRate);
+        const auto v = static_cast<std::int16_t>(std::lrint(x * 32767.0));
+        put16(wav, static_cast<std::uint16_t>(v));
+        put16(wav, static_cast<std::uint16_t>(v));
+    }
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(wav) == wav.size();
+}
+
+std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& pulse) {
+    std::vector<BufferChoice> choices;
+    for (const QString& word : sdl.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        if (const int n = word.trimmed().toInt(); n > 0) {
+            choices.push_back({false, n, 0, false, false});
+        }
+    }
+    for (QString word : pulse.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        word = word.trimmed();
+        bool early = false;
+        bool rewrite = false;
+        while (word.endsWith(QLatin1Char('e')) || word.endsWith(QLatin1Char('r'))) {
+            (word.endsWith(QLatin1Char('e')) ? early : rewrite) = true;
+            word.chop(1);
+        }
+        const QStringList parts = word.split(QLatin1Char('x'));
+        const int frames = parts.value(0).toInt();
+        const int periods = parts.value(1).toInt();
+        if (parts.size() == 2 && frames > 0 && periods > 0) {
+            choices.push_back({true, frames, periods, early, rewrite});
+        }
+    }
+    return choices;
+}
+
+void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
+                        const std::vector<BufferChoice>& choices, int count) {
     QTemporaryDir dir;
     const QString tone = dir.path() + QStringLiteral("/tone.wav");
-    if (!dir.isValid() || !writeTone(tone)) {
+    if (!dir.isValid() || !writeTestTone(tone)) {
         std::fprintf(stderr, "slap-to-sound: cannot write the test tone\n");
         return;
     }
@@ -117,11 +172,11 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips, const std::v
         if (busy) {
             load.emplace(static_cast<int>(cores));
         }
-        for (const int n : frames) {
-            SdlSoundOutput::Options options;
-            options.bufferFrames = n;
-            AudioPlayer player(Clock::system(), std::make_unique<SdlSoundOutput>(options),
-                               std::chrono::seconds(60));
+        for (const BufferChoice& choice : choices) {
+            std::unique_ptr<SoundOutput> output = outputFor(choice);
+            const PulseSoundOutput* pulse =
+                choice.pulse ? static_cast<const PulseSoundOutput*>(output.get()) : nullptr;
+            AudioPlayer player(Clock::system(), std::move(output), std::chrono::seconds(60));
             player.playSlap(clips, PlayMode::random, 0.8, 1.0, false);  // opens the device
             std::this_thread::sleep_for(std::chrono::milliseconds(800));
             const Figures latency =
@@ -133,17 +188,24 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips, const std::v
                                     }));
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
             recorder.takeDropouts();
+            const std::uint64_t underrunsBefore = pulse != nullptr ? pulse->underruns() : 0;
             for (int i = 0; i < kTones; ++i) {
                 player.playTest(tonePack, 1.0);
                 std::this_thread::sleep_for(
                     std::chrono::milliseconds(static_cast<int>(kToneSeconds * 1000) + 400));
             }
             const int dropouts = recorder.takeDropouts();
-            char what[96];
-            std::snprintf(what, sizeof what, "%4d frames (%4.1f ms), %s", n,
-                          n * 1000.0 / kRecordRate, busy ? "all cores busy" : "at rest");
-            std::printf("%-44s median %6.1f ms   p90 %6.1f ms   max %6.1f   dropouts %d%s\n", what,
-                        latency.median(), latency.p90(), latency.at(1.0), dropouts,
+            char what[128];
+            std::snprintf(what, sizeof what, "%s, %s", describe(choice).c_str(),
+                          busy ? "all cores busy" : "at rest");
+            char underruns[48] = "";
+            if (pulse != nullptr) {
+                std::snprintf(
+                    underruns, sizeof underruns, "   (server: %llu underruns)",
+                    static_cast<unsigned long long>(pulse->underruns() - underrunsBefore));
+            }
+            std::printf("%-56s median %6.1f ms   p90 %6.1f ms   max %6.1f   dropouts %d%s%s\n",
+                        what, latency.median(), latency.p90(), latency.at(1.0), dropouts, underruns,
                         latency.silent > 0 ? "  (some triggers unheard)" : "");
             std::fflush(stdout);
         }

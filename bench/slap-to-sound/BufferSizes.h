@@ -6,13 +6,33 @@
 #include "AudioBench.h"
 #include "SharedTypes.h"
 
+#include <QString>
+
 #include <vector>
 
 namespace bonkwell::bench {
 
-// Prints one row per buffer size and load. The latency figures play `clips` (`count`
-// triggers each), the dropouts a generated tone.
-void compareBufferSizes(Recorder& recorder, const SoundPack& clips, const std::vector<int>& frames,
-                        int count);
+// Writes a steady 440 Hz tone at half scale, 3 s of 48 kHz stereo 16-bit WAV.
+bool writeTestTone(const QString& path);
+
+// One way of playing to compare: SDL2_mixer with a device buffer of `frames`, or our own
+// PulseAudio stream with a queue of `periods` × `frames` refilled a period at a time.
+struct BufferChoice {
+    bool pulse = false;
+    int frames = 0;
+    int periods = 0;
+    bool earlyRequests = false;  // PulseAudio: early requests instead of an adjusted latency
+    bool rewrite = false;        // PulseAudio: a sound after silence rewrites the queue
+};
+
+// "128,256,512" (SDL buffers) and "96x3,128x2e,96x6r…" (PulseAudio periods × count; a
+// trailing 'e' asks for early requests, an 'r' rewrites the queue for a sound after silence)
+// into choices.
+std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& pulse);
+
+// Prints one row per choice and load. The latency figures play `clips` (`count` triggers
+// each), the dropouts a generated tone.
+void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
+                        const std::vector<BufferChoice>& choices, int count);
 
 }  // namespace bonkwell::bench

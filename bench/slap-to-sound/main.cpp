@@ -7,15 +7,19 @@
 #include "AudioBench.h"
 #include "AudioPlayer.h"
 #include "BufferSizes.h"
+#include "ChoosingSoundOutput.h"
 #include "Clock.h"
+#include "PulseSoundOutput.h"
 #include "SdlSoundOutput.h"
 #include "SoundPackManager.h"
+#include "SoundServer.h"
 
 #include <unistd.h>
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QTemporaryDir>
 
 #include <algorithm>
 #include <chrono>
@@ -96,45 +100,72 @@ std::pair<double, double> idleCpu(int serverPid, pid_t recorderTid, double secon
 
 // The player with the device open and idle-closed, the floor, the decoding cost and the idle
 // CPU, with the goals.
-bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack, const QString& clip,
-                           int serverPid, int count) {
+bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
+                           const bonkwell::SoundPack& tonePack, const QString& clip, int serverPid,
+                           int count) {
     Figures player;
     Figures cold;
     std::uint64_t opens = 0;
     std::pair<double, double> cpuOpen{NAN, NAN};
     std::pair<double, double> cpuClosed{NAN, NAN};
-    int appFrames = 0;
+    std::pair<double, double> cpuSounding{NAN, NAN};
+    const char* outputName = "?";
+    // The app's own output, the one the app would choose for this server; the outputs it
+    // makes are watched for their openings.
+    std::vector<const bonkwell::SoundOutput*> made;
+    bool ownStream = false;
+    const auto chooser = [&made, &outputName, &ownStream] {
+        return std::make_unique<bonkwell::ChoosingSoundOutput>(
+            [&made, &outputName, &ownStream](bonkwell::ChoosingSoundOutput::Kind kind) {
+                auto output = bonkwell::ChoosingSoundOutput::makeOutput(kind);
+                made.push_back(output.get());
+                ownStream = kind == bonkwell::ChoosingSoundOutput::Kind::pulse;
+                outputName = ownStream ? "own PulseAudio stream" : "SDL2_mixer";
+                return output;
+            });
+    };
+    const auto openings = [&made] {
+        std::uint64_t n = 0;
+        for (const bonkwell::SoundOutput* output : made) {
+            if (const auto* pulse = dynamic_cast<const bonkwell::PulseSoundOutput*>(output)) {
+                n += pulse->openCount();
+            } else if (const auto* sdl = dynamic_cast<const bonkwell::SdlSoundOutput*>(output)) {
+                n += sdl->openCount();
+            }
+        }
+        return n;
+    };
     {
         // Released only after a minute of silence, so that the idle figure below is that of
         // an open device.
-        auto output = std::make_unique<bonkwell::SdlSoundOutput>();
-        const bonkwell::SdlSoundOutput* out = output.get();
-        bonkwell::AudioPlayer p(bonkwell::Clock::system(), std::move(output),
-                                std::chrono::seconds(60));
+        bonkwell::AudioPlayer p(bonkwell::Clock::system(), chooser(), std::chrono::seconds(60));
         // Warm up: the first slap of a run opens the device.
         p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true);
         std::this_thread::sleep_for(std::chrono::milliseconds(800));
-        appFrames = out->bufferFrames();
         player = measure(recorder, count,
                          [&] { p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true); });
         if (serverPid > 0) {
             cpuOpen = idleCpu(serverPid, recorder.threadId(), 5.0);
+            // And while a long sound plays (a 3 s tone, twice).
+            p.playTest(tonePack, 1.0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            cpuSounding = idleCpu(serverPid, recorder.threadId(), 2.8);
         }
     }
+    made.clear();
     {
         // The output is released after 100 ms of silence here, so every slap opens it again.
-        auto output = std::make_unique<bonkwell::SdlSoundOutput>();
-        const bonkwell::SdlSoundOutput* out = output.get();
-        bonkwell::AudioPlayer p(bonkwell::Clock::system(), std::move(output),
+        bonkwell::AudioPlayer p(bonkwell::Clock::system(), chooser(),
                                 std::chrono::milliseconds(100));
         cold = measure(recorder, count,
                        [&] { p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true); });
         p.waitUntilIdleForTesting();
-        opens = out->openCount();
+        opens = openings();
         if (serverPid > 0) {
             cpuClosed = idleCpu(serverPid, recorder.threadId(), 5.0);
         }
     }
+    const int appFrames = 0;  // the floor: the app's SDL buffer for the driver SDL picks
 
     // The floor: a bare SDL2_mixer loop, clip decoded once in advance, same buffer.
     std::string driver;
@@ -150,7 +181,18 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack, 
         "SDL audio driver: %s; the app's buffer for it: %d frames (%.1f ms), the floor's "
         "the same\n",
         driver.c_str(), floorFrames, floorFrames * 1000.0 / bonkwell::bench::kRecordRate);
-    const Figures floor = *floorFigures;
+    const Figures sdlFloor = *floorFigures;
+    // Where the app plays through its own PulseAudio stream, that stream is its floor.
+    std::optional<Figures> streamFloor;
+    if (ownStream) {
+        streamFloor =
+            bonkwell::bench::measureBareStream(recorder, clip.toStdString(), count, &error);
+        if (!streamFloor) {
+            std::fprintf(stderr, "slap-to-sound: %s\n", error.c_str());
+            return false;
+        }
+    }
+    const Figures floor = streamFloor.value_or(sdlFloor);
 
     // What decoding at every playback costs: read, decode, scale and start each built-in clip.
     std::vector<double> decodeMs;
@@ -179,8 +221,14 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack, 
     Figures decode{decodeMs, 0};
 
     std::printf("\n");
+    std::printf("the app's output on this server: %s\n", outputName);
     bonkwell::bench::print("AudioPlayer::playSlap, output open", player);
-    bonkwell::bench::print("bare SDL2_mixer loop (floor)", floor);
+    if (streamFloor) {
+        bonkwell::bench::print("bare own PulseAudio stream (floor)", *streamFloor);
+        bonkwell::bench::print("bare SDL2_mixer loop (SDL's floor)", sdlFloor);
+    } else {
+        bonkwell::bench::print("bare SDL2_mixer loop (floor)", sdlFloor);
+    }
     bonkwell::bench::print("AudioPlayer::playSlap, output idle-closed", cold);
     std::printf("(the idle-closed row opened the device %llu times)\n",
                 static_cast<unsigned long long>(opens));
@@ -193,6 +241,8 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack, 
         "max %.2f ms (%s)\n",
         decode.ms.size(), decode.median(), decode.p90(), decode.at(1.0), qPrintable(slowest));
     if (serverPid > 0) {
+        std::printf("CPU while a tone sounds:          player %.1f %%, server %.1f %%\n",
+                    cpuSounding.first, cpuSounding.second);
         std::printf("idle CPU over 5 s, output open:   player %.1f %%, server %.1f %%\n",
                     cpuOpen.first, cpuOpen.second);
         std::printf("idle CPU over 5 s, output closed: player %.1f %%, server %.1f %%\n",
@@ -234,19 +284,29 @@ int main(int argc, char** argv) {
     std::printf("clip %s, %d triggers per row, at %d Hz\n", qPrintable(QFileInfo(clip).fileName()),
                 count, bonkwell::bench::kRecordRate);
 
-    // $BONKWELL_BENCH_ONLY_BUFFERS=1 skips to the buffer sizes (for trying server settings).
-    if (qEnvironmentVariableIntValue("BONKWELL_BENCH_ONLY_BUFFERS") == 0 &&
-        !measurePlayerAndFloor(recorder, pack, clip, serverPid, count)) {
+    QTemporaryDir toneDir;
+    bonkwell::SoundPack tonePack;
+    tonePack.name = QStringLiteral("Tone");
+    tonePack.files << toneDir.filePath(QStringLiteral("tone.wav"));
+    if (!toneDir.isValid() || !bonkwell::bench::writeTestTone(tonePack.files.first())) {
+        std::fprintf(stderr, "slap-to-sound: cannot write the test tone\n");
         return 1;
     }
-    // $BONKWELL_BENCH_BUFFERS ("128,256,512" by default) lists the sizes to compare.
-    std::vector<int> sizes;
-    for (const QString& word : qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512")
-                                   .split(QLatin1Char(','), Qt::SkipEmptyParts)) {
-        if (const int n = word.trimmed().toInt(); n > 0) {
-            sizes.push_back(n);
-        }
+
+    // $BONKWELL_BENCH_ONLY_BUFFERS=1 skips to the buffer sizes (for trying server settings).
+    if (qEnvironmentVariableIntValue("BONKWELL_BENCH_ONLY_BUFFERS") == 0 &&
+        !measurePlayerAndFloor(recorder, pack, tonePack, clip, serverPid, count)) {
+        return 1;
     }
-    bonkwell::bench::compareBufferSizes(recorder, pack, sizes, count);
+    // $BONKWELL_BENCH_BUFFERS ("128,256,512" by default) lists the SDL buffers to compare,
+    // $BONKWELL_BENCH_PULSE the periods of our own PulseAudio stream ("frames x periods", by
+    // default a few around the chosen one where a real PulseAudio runs, none elsewhere).
+    const bool pulseServer =
+        bonkwell::sound::sessionSoundServer() != bonkwell::sound::SoundServer::pipeWire;
+    const std::vector<bonkwell::bench::BufferChoice> choices = bonkwell::bench::parseBufferChoices(
+        qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512"),
+        qEnvironmentVariable("BONKWELL_BENCH_PULSE",
+                             pulseServer ? "96x3,48x8,96x3r,192x2r,256x2r" : ""));
+    bonkwell::bench::compareBufferSizes(recorder, pack, choices, count);
     return 0;
 }
