@@ -9,6 +9,7 @@
 #include <QByteArray>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QtGlobal>
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -25,7 +26,13 @@ namespace bonkwell::bench {
 namespace {
 
 constexpr double kToneSeconds = 3.0;
-constexpr int kTones = 2;
+
+// How many tones each row plays: $BONKWELL_BENCH_TONES, 2 by default. Dropouts are rare
+// events, so a longer run tells a rate from luck.
+int toneCount() {
+    const int wanted = qEnvironmentVariableIntValue("BONKWELL_BENCH_TONES");
+    return wanted > 0 ? wanted : 2;
+}
 
 void put16(QByteArray& out, std::uint16_t v) {
     out.append(static_cast<char>(v & 0xff));
@@ -161,12 +168,13 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
     tonePack.name = QStringLiteral("Tone");
     tonePack.files << tone;
     const long cores = ::sysconf(_SC_NPROCESSORS_ONLN);
+    const int tones = toneCount();
 
     std::printf(
         "\nbuffer sizes: playSlap latency (output open, %d triggers) and dropouts in %d "
         "x %.0f s of a steady tone (runs of >= %d samples of digital silence inside "
         "it: underruns)\n",
-        count, kTones, kToneSeconds, kDropoutFrames);
+        count, tones, kToneSeconds, kDropoutFrames);
     for (const bool busy : {false, true}) {
         std::optional<Load> load;
         if (busy) {
@@ -189,7 +197,7 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
             recorder.takeDropouts();
             const std::uint64_t underrunsBefore = pulse != nullptr ? pulse->underruns() : 0;
-            for (int i = 0; i < kTones; ++i) {
+            for (int i = 0; i < tones; ++i) {
                 player.playTest(tonePack, 1.0);
                 std::this_thread::sleep_for(
                     std::chrono::milliseconds(static_cast<int>(kToneSeconds * 1000) + 400));
