@@ -91,6 +91,14 @@ inline double toneAmplitude(const std::vector<float>& s, std::size_t begin, std:
     return 2.0 * std::sqrt(std::max(power, 0.0)) / static_cast<double>(end - begin);
 }
 
+// Amplitude of the `hz` component over `seconds` of a sound's steady part (from 50 ms after
+// it starts, past the attack).
+inline double steadyToneAmplitude(const std::vector<float>& s, const Segment& sound, double seconds,
+                                  double hz) {
+    const std::size_t begin = sound.begin + kRate / 20;
+    return toneAmplitude(s, begin, begin + static_cast<std::size_t>(seconds * kRate), hz);
+}
+
 // Sets an environment variable for the life of the object.
 class ScopedEnv {
   public:

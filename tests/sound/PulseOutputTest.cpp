@@ -147,8 +147,7 @@ TEST_F(PulseOutputTest, ASlapIsHeardAtTheSink) {
     const std::vector<float> left = finish();
     const auto segments = soundingSegments(left, 0.001F);
     ASSERT_EQ(segments.size(), 1U);
-    const std::size_t b = segments[0].begin + kRate / 20;
-    EXPECT_NEAR(toneAmplitude(left, b, b + kRate / 5, 440), 0.5, 0.03);
+    EXPECT_NEAR(steadyToneAmplitude(left, segments[0], 0.2, 440), 0.5, 0.03);
     EXPECT_NEAR(static_cast<double>(segments[0].end - segments[0].begin) / kRate, 0.3, 0.02)
         << "the whole 300 ms tone, once";
 }
@@ -209,8 +208,7 @@ TEST_F(PulseOutputTest, GoingIdleReleasesTheStreamAndTheNextSlapOpensItAgain) {
     const std::vector<float> left = finish();
     const auto segments = soundingSegments(left);
     ASSERT_EQ(segments.size(), 2U);
-    const std::size_t b = segments[1].begin + kRate / 20;
-    EXPECT_NEAR(toneAmplitude(left, b, b + kRate / 5, 660), 0.5, 0.05);
+    EXPECT_NEAR(steadyToneAmplitude(left, segments[1], 0.2, 660), 0.5, 0.05);
 }
 
 TEST_F(PulseOutputTest, AServerKilledWhilePlayingIsLoggedOnceAndTheNextSlapAfterARestartPlays) {
@@ -247,8 +245,7 @@ TEST_F(PulseOutputTest, AServerKilledWhilePlayingIsLoggedOnceAndTheNextSlapAfter
     const std::vector<float> left = finish();
     const auto segments = soundingSegments(left);
     ASSERT_EQ(segments.size(), 1U);
-    const std::size_t b = segments[0].begin + kRate / 20;
-    EXPECT_NEAR(toneAmplitude(left, b, b + kRate / 5, 440), 0.5, 0.05);
+    EXPECT_NEAR(steadyToneAmplitude(left, segments[0], 0.2, 440), 0.5, 0.05);
 }
 
 TEST_F(PulseOutputTest, WithoutAServerOneLineThenEveryPlaybackTriesAgain) {
@@ -293,8 +290,7 @@ TEST_F(PulseOutputTest, BadFilesAreRefusedWithTheSameTextsAsEver) {
     const std::vector<float> left = finish();
     const auto segments = soundingSegments(left);
     ASSERT_EQ(segments.size(), 1U);
-    const std::size_t b = segments[0].begin + kRate / 20;
-    EXPECT_NEAR(toneAmplitude(left, b, b + kRate / 8, 880), 0.5, 0.05);
+    EXPECT_NEAR(steadyToneAmplitude(left, segments[0], 0.125, 880), 0.5, 0.05);
 }
 
 }  // namespace
