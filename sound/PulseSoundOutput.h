@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Sound output straight to a PulseAudio server: one playback stream with a short queue,
 // refilled from the server's requests by our own mixer, so a sound starts within a few
-// milliseconds without the queue running dry. Files are decoded by SDL2_mixer (on SDL's
+// milliseconds. Files are decoded by SDL2_mixer (on SDL's
 // silent driver, only for its decoders and format conversion).
 #pragma once
 
@@ -24,10 +24,11 @@ class PulseSoundOutput : public SoundOutput {
     };
 
     // The defaults (bench/slap-to-sound compares others, at rest and with every core busy):
-    // a queue of two 4 ms periods, which did not run dry even with every core busy, and a
-    // sound that starts after silence rewrites it, so the sink has it within about 1 ms
-    // instead of behind 8 ms of queued silence (without the rewrite a 6 ms queue was needed
-    // for a 5 ms start, and that one ran dry now and then under load).
+    // a queue of two 4 ms periods, and a sound that starts after silence rewrites it, so the
+    // sink has it within about 1 ms instead of behind 8 ms of queued silence. At rest this
+    // queue never ran dry; with every core busy it ran dry 3-7 times in 30 s of sound, where
+    // two 8 ms periods did not. But a sound that starts while another plays waits behind the
+    // queue, 8 ms at most here, and rapid slaps do that all the time.
     struct Options {
         // The server asks for (at least) this much at a time.
         int periodFrames = 192;
