@@ -37,10 +37,14 @@ ChoosingSoundOutput::Kind ChoosingSoundOutput::kindFor(sound::SoundServer server
     return last.value_or(Kind::sdl);
 }
 
+ChoosingSoundOutput::Kind ChoosingSoundOutput::sessionKind(std::optional<Kind> last) {
+    return kindFor(sound::sessionSoundServer(), !qEnvironmentVariableIsEmpty("SDL_AUDIODRIVER"),
+                   last);
+}
+
 std::unique_ptr<Voice> ChoosingSoundOutput::play(const QString& path, float gain, QString& error) {
     if (!chosen_) {
-        const Kind kind = kindFor(sound::sessionSoundServer(),
-                                  !qEnvironmentVariableIsEmpty("SDL_AUDIODRIVER"), kind_);
+        const Kind kind = sessionKind(kind_);
         if (!output_ || kind != kind_) {
             if (output_) {
                 output_->goIdle();

@@ -35,6 +35,8 @@ class ChoosingSoundOutput : public SoundOutput {
     // output was used last. With no server at all the last one stays: a PulseAudio that went
     // away is waited for by the output that already told the user it went.
     static Kind kindFor(sound::SoundServer server, bool sdlDriverNamed, std::optional<Kind> last);
+    // kindFor() this session's server and environment.
+    static Kind sessionKind(std::optional<Kind> last = std::nullopt);
     // The kind in use since the last opening, if any.
     std::optional<Kind> currentKind() const { return kind_; }
 

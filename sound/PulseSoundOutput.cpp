@@ -259,10 +259,10 @@ bool PulseSoundOutput::Connection::open(QString& error) {
     }
     bool ok = stateOf() == PA_CONTEXT_READY;
     if (ok) {
-        const pa_sample_spec spec{PA_SAMPLE_S16NE, kRate, 2};
+        const pa_sample_spec format{PA_SAMPLE_S16NE, kRate, 2};
         pa_proplist* streamProps = pa_proplist_new();
         pa_proplist_sets(streamProps, PA_PROP_MEDIA_ROLE, "event");
-        stream = pa_stream_new_with_proplist(context, "Slap sounds", &spec, nullptr, streamProps);
+        stream = pa_stream_new_with_proplist(context, "Slap sounds", &format, nullptr, streamProps);
         pa_proplist_free(streamProps);
         ok = stream != nullptr;
     }

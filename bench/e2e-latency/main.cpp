@@ -7,8 +7,8 @@
 // there) a bare loop on that stream, the app's floor. With --helper it measures the helper alone
 // instead: spike to its event line. Run through bench/e2e-latency/run, which sets everything up.
 #include "AudioBench.h"
+#include "ChoosingSoundOutput.h"
 #include "SdlSoundOutput.h"
-#include "SoundServer.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -253,7 +253,8 @@ int main(int argc, char** argv) {
 
     // Where a real PulseAudio runs, the app plays through its own stream: that is its floor.
     std::optional<Figures> streamFloor;
-    if (bonkwell::sound::sessionSoundServer() != bonkwell::sound::SoundServer::pipeWire) {
+    if (bonkwell::ChoosingSoundOutput::sessionKind() ==
+        bonkwell::ChoosingSoundOutput::Kind::pulse) {
         streamFloor = bonkwell::bench::measureBareStream(recorder, clip, slaps, &error);
         if (!streamFloor) {
             std::fprintf(stderr, "e2e-latency: %s\n", error.c_str());

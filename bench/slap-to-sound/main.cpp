@@ -12,7 +12,6 @@
 #include "PulseSoundOutput.h"
 #include "SdlSoundOutput.h"
 #include "SoundPackManager.h"
-#include "SoundServer.h"
 
 #include <unistd.h>
 
@@ -304,9 +303,10 @@ int main(int argc, char** argv) {
     }
     // $BONKWELL_BENCH_BUFFERS ("128,256,512" by default) lists the SDL buffers to compare,
     // $BONKWELL_BENCH_PULSE the periods of our own PulseAudio stream ("frames x periods", by
-    // default a few around the chosen one where a real PulseAudio runs, none elsewhere).
+    // default a few around the chosen one where the app plays through that stream, none
+    // elsewhere).
     const bool pulseServer =
-        bonkwell::sound::sessionSoundServer() != bonkwell::sound::SoundServer::pipeWire;
+        bonkwell::ChoosingSoundOutput::sessionKind() == bonkwell::ChoosingSoundOutput::Kind::pulse;
     const std::vector<bonkwell::bench::BufferChoice> choices = bonkwell::bench::parseBufferChoices(
         qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512"),
         qEnvironmentVariable("BONKWELL_BENCH_PULSE",

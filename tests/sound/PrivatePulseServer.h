@@ -114,14 +114,14 @@ class PrivatePulseServer {
 class MonitorRecorder {
   public:
     MonitorRecorder() {
-        const pa_sample_spec spec{PA_SAMPLE_S16NE, 48000, 2};
+        const pa_sample_spec format{PA_SAMPLE_S16NE, 48000, 2};
         pa_buffer_attr attr{};
         attr.maxlength = static_cast<std::uint32_t>(-1);
         attr.fragsize = 256 * 4;
         const std::string monitor = std::string(PrivatePulseServer::kSink) + ".monitor";
         int error = 0;
         stream_ = pa_simple_new(nullptr, "Bonkwell test", PA_STREAM_RECORD, monitor.c_str(),
-                                "monitor", &spec, nullptr, &attr, &error);
+                                "monitor", &format, nullptr, &attr, &error);
         if (stream_ == nullptr) {
             error_ = QString::fromUtf8(pa_strerror(error));
             return;
