@@ -24,20 +24,18 @@ class PulseSoundOutput : public SoundOutput {
     };
 
     // The defaults (bench/slap-to-sound compares others, at rest and with every core busy):
-    // a queue of two 4 ms periods, and a sound that starts after silence rewrites it, so the
-    // sink has it within about 1 ms instead of behind 8 ms of queued silence. At rest this
-    // queue never ran dry; with every core busy it ran dry 3-7 times in 30 s of sound, where
-    // two 8 ms periods did not. But a sound that starts while another plays waits behind the
-    // queue, 8 ms at most here, and rapid slaps do that all the time.
+    // a queue of two 4 ms periods, and every sound that starts rewrites what is queued from
+    // the server's read position, mixed in, so the sink has it within about 1 ms whatever the
+    // queue's length.
     struct Options {
         // The server asks for (at least) this much at a time.
         int periodFrames = 192;
-        // The queue the server keeps filled, in periods: what a sound that starts while
-        // another plays waits behind.
+        // The queue the server keeps filled, in periods: how long our thread may be late.
         int periods = 2;
         Requests requests = Requests::adjustLatency;
-        // A sound that starts after silence replaces the queued silence instead of waiting
-        // behind it (the server rewinds its sink for that).
+        // A sound that starts is mixed into what is queued, written anew from the server's
+        // read position (the server rewinds its sink for that), instead of waiting behind
+        // the queue.
         bool rewriteQueue = true;
         sound::FileLimits limits;
     };
