@@ -171,9 +171,10 @@ struct PulseSoundOutput::Connection {
     std::optional<std::int64_t> earliestRewrite();
 
     // Starts `samples`. With rewriting, what is still queued at the server is written anew
-    // from the server's read position with the new sound mixed in, so it starts at once
-    // instead of behind the queue, and the sounds already playing go on unchanged. Otherwise
-    // (or when the server does not say where it reads) it starts behind the queue.
+    // from just ahead of where the server reads, with the new sound mixed in, so it starts at
+    // once instead of behind the queue, and the sounds already playing go on sample for
+    // sample. Otherwise (or when the server does not say where it reads) it starts behind the
+    // queue.
     std::shared_ptr<sound::VoiceMixer::Track> start(std::vector<std::int16_t> samples);
 
     State& state;
@@ -270,15 +271,14 @@ std::optional<std::int64_t> PulseSoundOutput::Connection::earliestRewrite() {
 std::shared_ptr<sound::VoiceMixer::Track> PulseSoundOutput::Connection::start(
     std::vector<std::int16_t> samples) {
     // -1: not known.
-    const std::int64_t read = options.rewriteQueue ? earliestRewrite().value_or(-1) : -1;
+    const std::int64_t from = options.rewriteQueue ? earliestRewrite().value_or(-1) : -1;
     auto track = mixer.add(std::move(samples));
     if (lost) {
         mixer.clear();  // the server went just now: the sound is not heard
         return track;
     }
     const auto kept = static_cast<std::int64_t>(recent.size() / 2);
-    if (read >= 0 && read < writeFrame && writeFrame - read <= kept) {
-        const std::int64_t from = read;
+    if (from >= 0 && from < writeFrame && writeFrame - from <= kept) {
         const auto frames = static_cast<std::size_t>(writeFrame - from);
         std::vector<std::int16_t> block(frames * 2);
         for (std::size_t f = 0; f < frames; ++f) {
@@ -370,7 +370,6 @@ bool PulseSoundOutput::Connection::open(QString& error) {
         }
         ok = ok && ready && !lost;
     }
-
     api->time_free(timer);
     established = ok;
     if (!ok) {

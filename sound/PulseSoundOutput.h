@@ -24,12 +24,14 @@ class PulseSoundOutput : public SoundOutput {
     };
 
     // The defaults (bench/slap-to-sound compares others, at rest and with every core busy):
-    // a queue of two 4 ms periods, and every sound that starts rewrites what is queued from
-    // the server's read position, mixed in, so the sink has it within about 1 ms whatever the
-    // queue's length.
+    // a queue of two 21 ms periods, so that our thread may be 21 ms late before the queue runs
+    // dry (with two 4 ms or 8 ms periods it ran dry now and then with every core busy), and
+    // every sound that starts is mixed into what is queued, rewritten from just ahead of
+    // where the server reads, so the sink has it within about 3 ms whatever the queue's
+    // length, also while another sound plays.
     struct Options {
         // The server asks for (at least) this much at a time.
-        int periodFrames = 192;
+        int periodFrames = 1024;
         // The queue the server keeps filled, in periods: how long our thread may be late.
         int periods = 2;
         Requests requests = Requests::adjustLatency;
