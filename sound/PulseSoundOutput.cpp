@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 namespace bonkwell {
@@ -28,6 +29,13 @@ namespace {
 
 constexpr int kFrameBytes = 4;  // 16-bit stereo
 constexpr int kConnectTimeoutMs = 3000;
+// A server busy for longer than this gets the next sound behind its queue.
+constexpr int kAnswerTimeoutMs = 500;
+// How far ahead of where the server reads a sound is mixed in: what the server may read while
+// our write travels to it, at most.
+constexpr pa_usec_t kRewriteAheadUs = 1500;
+// How much of what was written is kept for rewriting, in queues.
+constexpr std::size_t kKeptQueues = 4;
 // SDL's silent driver only runs the decoders; a large buffer keeps its thread asleep.
 constexpr int kDecoderBufferFrames = 4096;
 
@@ -133,40 +141,41 @@ struct PulseSoundOutput::Connection {
                 pa_stream_cancel_write(stream);
                 return;
             }
-            const std::size_t heard = mixer.render(static_cast<std::int16_t*>(data), frames);
-            silentFrames = heard == 0 ? silentFrames + frames : 0;
+            auto* samples = static_cast<std::int16_t*>(data);
+            mixer.render(samples, frames);
+            remember(samples, writeFrame, frames);
             if (pa_stream_write(stream, data, frames * kFrameBytes, nullptr, 0, PA_SEEK_RELATIVE) <
                 0) {
                 return;
             }
+            writeFrame += static_cast<std::int64_t>(frames);
             bytes -= frames * kFrameBytes;
         }
     }
 
-    // A sound was just added. When everything queued is silence, the queue is written anew
-    // from the server's read position, so the sound starts at once instead of behind it;
-    // otherwise what fits now is added behind the queue.
-    void start() {
-        const pa_buffer_attr* attr = pa_stream_get_buffer_attr(stream);
-        const std::size_t queue = attr != nullptr ? attr->tlength : 0;
-        if (options.rewriteQueue && queue > 0 && silentFrames * kFrameBytes >= queue) {
-            void* data = nullptr;
-            std::size_t size = queue;
-            if (pa_stream_begin_write(stream, &data, &size) < 0 || data == nullptr) {
-                return;
-            }
-            const std::size_t frames = std::min(size, queue) / kFrameBytes;
-            mixer.render(static_cast<std::int16_t*>(data), frames);
-            silentFrames = 0;
-            pa_stream_write(stream, data, frames * kFrameBytes, nullptr, 0,
-                            PA_SEEK_RELATIVE_ON_READ);
-            return;
-        }
-        const std::size_t room = pa_stream_writable_size(stream);
-        if (room != static_cast<std::size_t>(-1)) {
-            fill(room);
+    // Keeps a copy of what was written at stream position `at`, for rewriting it later.
+    void remember(const std::int16_t* samples, std::int64_t at, std::size_t frames) {
+        const std::size_t size = recent.size() / 2;
+        for (std::size_t f = 0; f < frames; ++f) {
+            const std::size_t slot =
+                static_cast<std::size_t>(at + static_cast<std::int64_t>(f)) % size;
+            recent[2 * slot] = samples[2 * f];
+            recent[2 * slot + 1] = samples[2 * f + 1];
         }
     }
+
+    // The earliest stream position (frames) that a write sent now still reaches before the
+    // sink has passed it: where the server reads, asked of the server, plus how far it will
+    // have read by the time the write arrives. Nothing when the server does not tell within a
+    // moment. With the lock held; lets the stream's thread run meanwhile.
+    std::optional<std::int64_t> earliestRewrite();
+
+    // Starts `samples`. With rewriting, what is still queued at the server is written anew
+    // from just ahead of where the server reads, with the new sound mixed in, so it starts at
+    // once instead of behind the queue, and the sounds already playing go on sample for
+    // sample. Otherwise (or when the server does not say where it reads) it starts behind the
+    // queue.
+    std::shared_ptr<sound::VoiceMixer::Track> start(std::vector<std::int16_t> samples);
 
     State& state;
     const Options& options;
@@ -174,11 +183,13 @@ struct PulseSoundOutput::Connection {
     pa_threaded_mainloop* mainloop = nullptr;
     pa_context* context = nullptr;
     pa_stream* stream = nullptr;
-    bool ready = false;            // stream thread and opener, under the main loop's lock
-    bool lost = false;             // ditto
-    bool timedOut = false;         // ditto
-    bool established = false;      // ditto: the stream was open and playing
-    std::size_t silentFrames = 0;  // ditto: silence written since the last sound
+    bool ready = false;                // stream thread and opener, under the main loop's lock
+    bool lost = false;                 // ditto
+    bool timedOut = false;             // ditto
+    bool established = false;          // ditto: the stream was open and playing
+    bool answered = false;             // ditto: the server told where it reads
+    std::int64_t writeFrame = 0;       // ditto: the stream position of our next write
+    std::vector<std::int16_t> recent;  // ditto: what was written last, by stream position
 };
 
 namespace {
@@ -207,6 +218,12 @@ void onWrite(pa_stream* /*stream*/, std::size_t bytes, void* userdata) {
     static_cast<PulseSoundOutput::Connection*>(userdata)->fill(bytes);
 }
 
+void onTimingInfo(pa_stream* /*stream*/, int /*success*/, void* userdata) {
+    auto* c = static_cast<PulseSoundOutput::Connection*>(userdata);
+    c->answered = true;
+    pa_threaded_mainloop_signal(c->mainloop, 0);
+}
+
 void onUnderflow(pa_stream* /*stream*/, void* userdata) {
     ++static_cast<PulseSoundOutput::Connection*>(userdata)->state.underruns;
 }
@@ -219,6 +236,70 @@ void onTimeout(pa_mainloop_api* /*api*/, pa_time_event* /*event*/, const timeval
 }
 
 }  // namespace
+
+std::optional<std::int64_t> PulseSoundOutput::Connection::earliestRewrite() {
+    answered = false;
+    timedOut = false;
+    pa_operation* op = pa_stream_update_timing_info(stream, onTimingInfo, this);
+    if (op == nullptr) {
+        return std::nullopt;
+    }
+    pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop);
+    timeval deadline{};
+    pa_time_event* timer = api->time_new(
+        api, pa_timeval_add(pa_gettimeofday(&deadline), kAnswerTimeoutMs * PA_USEC_PER_MSEC),
+        onTimeout, this);
+    while (!answered && !lost && !timedOut) {
+        pa_threaded_mainloop_wait(mainloop);
+    }
+    api->time_free(timer);
+    if (pa_operation_get_state(op) == PA_OPERATION_RUNNING) {
+        pa_operation_cancel(op);  // no answer wanted any more
+    }
+    pa_operation_unref(op);
+    const pa_timing_info* timing = answered && !lost ? pa_stream_get_timing_info(stream) : nullptr;
+    if (timing == nullptr || timing->read_index_corrupt != 0) {
+        return std::nullopt;
+    }
+    // The server reads on while its answer and our write travel; a sink at its shortest
+    // latency cannot rewind what it has passed.
+    const pa_usec_t age = timing->playing != 0 ? pa_timeval_age(&timing->timestamp) : 0;
+    return timing->read_index / kFrameBytes +
+           static_cast<std::int64_t>((age + kRewriteAheadUs) * kRate / PA_USEC_PER_SEC);
+}
+
+std::shared_ptr<sound::VoiceMixer::Track> PulseSoundOutput::Connection::start(
+    std::vector<std::int16_t> samples) {
+    // -1: not known.
+    const std::int64_t from = options.rewriteQueue ? earliestRewrite().value_or(-1) : -1;
+    auto track = mixer.add(std::move(samples));
+    if (lost) {
+        mixer.clear();  // the server went just now: the sound is not heard
+        return track;
+    }
+    const auto kept = static_cast<std::int64_t>(recent.size() / 2);
+    if (from >= 0 && from < writeFrame && writeFrame - from <= kept) {
+        const auto frames = static_cast<std::size_t>(writeFrame - from);
+        std::vector<std::int16_t> block(frames * 2);
+        for (std::size_t f = 0; f < frames; ++f) {
+            const std::size_t slot = static_cast<std::size_t>(from + static_cast<std::int64_t>(f)) %
+                                     static_cast<std::size_t>(kept);
+            block[2 * f] = recent[2 * slot];
+            block[2 * f + 1] = recent[2 * slot + 1];
+        }
+        mixer.mixIncoming(block.data(), frames);
+        remember(block.data(), from, frames);
+        // The server drops what it has passed by the time this arrives, and rewinds its
+        // sink for what it had taken but not yet played.
+        pa_stream_write(stream, block.data(), frames * kFrameBytes, nullptr, from * kFrameBytes,
+                        PA_SEEK_ABSOLUTE);
+    }
+    const std::size_t room = pa_stream_writable_size(stream);
+    if (room != static_cast<std::size_t>(-1)) {
+        fill(room);
+    }
+    return track;
+}
 
 bool PulseSoundOutput::Connection::open(QString& error) {
     mainloop = pa_threaded_mainloop_new();
@@ -277,6 +358,8 @@ bool PulseSoundOutput::Connection::open(QString& error) {
         attr.prebuf = static_cast<std::uint32_t>(-1);
         attr.minreq = period;
         attr.fragsize = static_cast<std::uint32_t>(-1);
+        // Room for a few queues (the server may grant a longer one than asked for).
+        recent.assign(2 * std::max<std::size_t>(kKeptQueues * attr.tlength / kFrameBytes, 8192), 0);
         const auto flags = static_cast<pa_stream_flags_t>(
             (options.requests == Requests::adjustLatency ? PA_STREAM_ADJUST_LATENCY
                                                          : PA_STREAM_EARLY_REQUESTS) |
@@ -379,14 +462,9 @@ std::unique_ptr<Voice> PulseSoundOutput::play(const QString& path, float gain, Q
     std::vector<std::int16_t> samples(chunk->alen / sizeof(std::int16_t));
     std::memcpy(samples.data(), chunk->abuf, samples.size() * sizeof(std::int16_t));
     Mix_FreeChunk(chunk);
-    auto track = connection_->mixer.add(std::move(samples));
     // The sound need not wait for the server's next request.
     pa_threaded_mainloop_lock(connection_->mainloop);
-    if (connection_->lost) {
-        connection_->mixer.clear();  // the server went just now: the sound is not heard
-    } else {
-        connection_->start();
-    }
+    auto track = connection_->start(std::move(samples));
     pa_threaded_mainloop_unlock(connection_->mainloop);
     return std::make_unique<PulseVoice>(std::move(track));
 }

@@ -24,20 +24,20 @@ class PulseSoundOutput : public SoundOutput {
     };
 
     // The defaults (bench/slap-to-sound compares others, at rest and with every core busy):
-    // a queue of two 4 ms periods, and a sound that starts after silence rewrites it, so the
-    // sink has it within about 1 ms instead of behind 8 ms of queued silence. At rest this
-    // queue never ran dry; with every core busy it ran dry 3-7 times in 30 s of sound, where
-    // two 8 ms periods did not. But a sound that starts while another plays waits behind the
-    // queue, 8 ms at most here, and rapid slaps do that all the time.
+    // a queue of two 21 ms periods, so that our thread may be 21 ms late before the queue runs
+    // dry (with two 4 ms or 8 ms periods it ran dry now and then with every core busy), and
+    // every sound that starts is mixed into what is queued, rewritten from just ahead of
+    // where the server reads, so the sink has it within about 3 ms whatever the queue's
+    // length, also while another sound plays.
     struct Options {
         // The server asks for (at least) this much at a time.
-        int periodFrames = 192;
-        // The queue the server keeps filled, in periods: what a sound that starts while
-        // another plays waits behind.
+        int periodFrames = 1024;
+        // The queue the server keeps filled, in periods: how long our thread may be late.
         int periods = 2;
         Requests requests = Requests::adjustLatency;
-        // A sound that starts after silence replaces the queued silence instead of waiting
-        // behind it (the server rewinds its sink for that).
+        // A sound that starts is mixed into what is queued, written anew from the server's
+        // read position (the server rewinds its sink for that), instead of waiting behind
+        // the queue.
         bool rewriteQueue = true;
         sound::FileLimits limits;
     };

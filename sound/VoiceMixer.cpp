@@ -19,21 +19,14 @@ std::shared_ptr<VoiceMixer::Track> VoiceMixer::add(std::vector<std::int16_t> sam
     return track;
 }
 
-std::size_t VoiceMixer::render(std::int16_t* out, std::size_t frames) {
-    {
-        // Only a swap under the lock: no allocation, no mixing.
-        std::lock_guard lock(incomingLock_);
-        handOver_.swap(incoming_);
-    }
-    for (auto& track : handOver_) {
-        active_.push_back(std::move(track));
-    }
-    handOver_.clear();
+void VoiceMixer::takeIncoming() {
+    std::lock_guard lock(incomingLock_);
+    handOver_.swap(incoming_);
+}
 
-    const std::size_t count = frames * kChannels;
-    sum_.assign(count, 0);
+std::size_t VoiceMixer::mix(const std::vector<std::shared_ptr<Track>>& tracks, std::size_t count) {
     std::size_t heard = 0;
-    for (const auto& track : active_) {
+    for (const auto& track : tracks) {
         if (!track->isPlaying()) {
             continue;  // stopped by its owner
         }
@@ -49,6 +42,10 @@ std::size_t VoiceMixer::render(std::int16_t* out, std::size_t frames) {
             track->stop();  // its last sample is in this block
         }
     }
+    return heard;
+}
+
+void VoiceMixer::finish(std::int16_t* out, std::size_t count) {
     constexpr std::int32_t lo = std::numeric_limits<std::int16_t>::min();
     constexpr std::int32_t hi = std::numeric_limits<std::int16_t>::max();
     for (std::size_t i = 0; i < count; ++i) {
@@ -57,7 +54,32 @@ std::size_t VoiceMixer::render(std::int16_t* out, std::size_t frames) {
     const auto before = active_.size();
     std::erase_if(active_, [](const auto& track) { return !track->isPlaying(); });
     live_.fetch_sub(before - active_.size(), std::memory_order_acq_rel);
+}
+
+std::size_t VoiceMixer::render(std::int16_t* out, std::size_t frames) {
+    takeIncoming();
+    for (auto& track : handOver_) {
+        active_.push_back(std::move(track));
+    }
+    handOver_.clear();
+    const std::size_t count = frames * kChannels;
+    sum_.assign(count, 0);
+    const std::size_t heard = mix(active_, count);
+    finish(out, count);
     return heard;
+}
+
+std::size_t VoiceMixer::mixIncoming(std::int16_t* inOut, std::size_t frames) {
+    takeIncoming();
+    const std::size_t count = frames * kChannels;
+    sum_.assign(inOut, inOut + count);
+    const std::size_t added = mix(handOver_, count);
+    for (auto& track : handOver_) {
+        active_.push_back(std::move(track));
+    }
+    handOver_.clear();
+    finish(inOut, count);
+    return added;
 }
 
 void VoiceMixer::clear() {

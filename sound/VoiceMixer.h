@@ -47,6 +47,12 @@ class VoiceMixer {
     // rendering thread at a time.
     std::size_t render(std::int16_t* out, std::size_t frames);
 
+    // Mixes the first `frames` frames of the sounds added since the last render into `inOut`,
+    // which holds what was already rendered for that stretch (adding with saturation). From
+    // then on they are part of the mix and continue after those frames. Returns how many
+    // sounds were added. On the rendering thread, between renders.
+    std::size_t mixIncoming(std::int16_t* inOut, std::size_t frames);
+
     // Whether any sound is still in the mix (any thread; a sound added but not yet rendered
     // counts).
     bool sounding() const { return live_.load(std::memory_order_acquire) > 0; }
@@ -55,6 +61,13 @@ class VoiceMixer {
     void clear();
 
   private:
+    // Takes over the sounds added since the last call (only a swap under the lock).
+    void takeIncoming();
+    // Adds `count` samples of each of `tracks` onto sum_, advancing them; how many were heard.
+    std::size_t mix(const std::vector<std::shared_ptr<Track>>& tracks, std::size_t count);
+    // Writes sum_ into `out` with saturation and forgets the sounds that ended.
+    void finish(std::int16_t* out, std::size_t count);
+
     mutable std::mutex incomingLock_;
     std::vector<std::shared_ptr<Track>> incoming_;  // guarded by incomingLock_
     std::vector<std::shared_ptr<Track>> active_;    // rendering thread only

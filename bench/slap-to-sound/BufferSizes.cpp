@@ -105,9 +105,8 @@ std::string describe(const BufferChoice& choice) {
 
 }  // namespace
 
-// A steady 440 Hz tone at half scale, 48 kHz stereo 16-bit WAV.
-bool writeTestTone(const QString& path) {
-    const auto frames = static_cast<std::uint32_t>(kToneSeconds * kRecordRate);
+bool writeTestTone(const QString& path, double seconds, double level) {
+    const auto frames = static_cast<std::uint32_t>(seconds * kRecordRate);
     QByteArray wav;
     wav.append("RIFF");
     put32(wav, 36 + frames * 4);
@@ -122,13 +121,34 @@ bool writeTestTone(const QString& path) {
     wav.append("data");
     put32(wav, frames * 4);
     for (std::uint32_t i = 0; i < frames; ++i) {
-        const double x = 0.5 * std::sin(2.0 * M_PI * 440.0 * i / kRecordRate);
+        const double x = level * std::sin(2.0 * M_PI * 440.0 * i / kRecordRate);
         const auto v = static_cast<std::int16_t>(std::lrint(x * 32767.0));
         put16(wav, static_cast<std::uint16_t>(v));
         put16(wav, static_cast<std::uint16_t>(v));
     }
     QFile file(path);
     return file.open(QIODevice::WriteOnly) && file.write(wav) == wav.size();
+}
+
+Figures measureDuringAnother(Recorder& recorder, AudioPlayer& player, const SoundPack& clips,
+                             int count) {
+    QTemporaryDir dir;
+    SoundPack bed;
+    bed.name = QStringLiteral("Bed");
+    bed.files << dir.path() + QStringLiteral("/bed.wav");
+    // A quarter of the onset threshold: heard by the mixer, not by the onset detector.
+    if (!dir.isValid() || !writeTestTone(bed.files.first(), 0.5, kOnsetThreshold / 4)) {
+        std::fprintf(stderr, "slap-to-sound: cannot write the quiet tone\n");
+        return {};
+    }
+    return summarize(runTrials([&] { return recorder.takeOnsets(); }, count, 600, 900,
+                               [&] {
+                                   player.playSlap(bed, PlayMode::random, 0.8, 1.0, false);
+                                   std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                                   const double at = monotonicNow();
+                                   player.playSlap(clips, PlayMode::random, 0.8, 1.0, false);
+                                   return at;
+                               }));
 }
 
 std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& pulse) {
@@ -194,6 +214,7 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
                                         player.playSlap(clips, PlayMode::random, 0.8, 1.0, false);
                                         return at;
                                     }));
+            const Figures during = measureDuringAnother(recorder, player, clips, count);
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
             recorder.takeDropouts();
             const std::uint64_t underrunsBefore = pulse != nullptr ? pulse->underruns() : 0;
@@ -212,9 +233,12 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
                     underruns, sizeof underruns, "   (server: %llu underruns)",
                     static_cast<unsigned long long>(pulse->underruns() - underrunsBefore));
             }
-            std::printf("%-56s median %6.1f ms   p90 %6.1f ms   max %6.1f   dropouts %d%s%s\n",
-                        what, latency.median(), latency.p90(), latency.at(1.0), dropouts, underruns,
-                        latency.silent > 0 ? "  (some triggers unheard)" : "");
+            std::printf(
+                "%-56s median %6.1f ms   p90 %6.1f ms   max %6.1f   during another %5.1f / %5.1f "
+                "ms   dropouts %d%s%s\n",
+                what, latency.median(), latency.p90(), latency.at(1.0), during.median(),
+                during.p90(), dropouts, underruns,
+                latency.silent + during.silent > 0 ? "  (some triggers unheard)" : "");
             std::fflush(stdout);
         }
     }

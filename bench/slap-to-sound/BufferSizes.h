@@ -10,10 +10,21 @@
 
 #include <vector>
 
+namespace bonkwell {
+class AudioPlayer;
+}
+
 namespace bonkwell::bench {
 
-// Writes a steady 440 Hz tone at half scale, 3 s of 48 kHz stereo 16-bit WAV.
-bool writeTestTone(const QString& path);
+// Writes a steady 440 Hz tone, `seconds` of 48 kHz stereo 16-bit WAV at `level` of full
+// scale (by default 3 s at half scale).
+bool writeTestTone(const QString& path, double seconds = 3.0, double level = 0.5);
+
+// playSlap latency while another sound plays: before each of `count` triggers a quiet
+// 0.5 s tone starts (below the onset threshold, so only the clip's onset counts), and the
+// clip follows 100 ms later, into a stream that is already sounding.
+Figures measureDuringAnother(Recorder& recorder, AudioPlayer& player, const SoundPack& clips,
+                             int count);
 
 // One way of playing to compare: SDL2_mixer with a device buffer of `frames`, or our own
 // PulseAudio stream with a queue of `periods` × `frames` refilled a period at a time.
@@ -22,11 +33,11 @@ struct BufferChoice {
     int frames = 0;
     int periods = 0;
     bool earlyRequests = false;  // PulseAudio: early requests instead of an adjusted latency
-    bool rewrite = false;        // PulseAudio: a sound after silence rewrites the queue
+    bool rewrite = false;        // PulseAudio: a sound that starts rewrites the queue
 };
 
 // "128,256,512" (SDL buffers) and "96x3,128x2e,96x6r…" (PulseAudio periods × count; a
-// trailing 'e' asks for early requests, an 'r' rewrites the queue for a sound after silence)
+// trailing 'e' asks for early requests, an 'r' mixes a sound that starts into the queue)
 // into choices.
 std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& pulse);
 

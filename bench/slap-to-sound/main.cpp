@@ -103,6 +103,7 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
                            const bonkwell::SoundPack& tonePack, const QString& clip, int serverPid,
                            int count) {
     Figures player;
+    Figures during;
     Figures cold;
     std::uint64_t opens = 0;
     std::pair<double, double> cpuOpen{NAN, NAN};
@@ -143,6 +144,7 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
         std::this_thread::sleep_for(std::chrono::milliseconds(800));
         player = measure(recorder, count,
                          [&] { p.playSlap(pack, bonkwell::PlayMode::random, 0.8, 1.0, true); });
+        during = bonkwell::bench::measureDuringAnother(recorder, p, pack, count);
         if (serverPid > 0) {
             cpuOpen = idleCpu(serverPid, recorder.threadId(), 5.0);
             // And while a long sound plays (a 3 s tone, twice).
@@ -222,6 +224,7 @@ bool measurePlayerAndFloor(Recorder& recorder, const bonkwell::SoundPack& pack,
     std::printf("\n");
     std::printf("the app's output on this server: %s\n", outputName);
     bonkwell::bench::print("AudioPlayer::playSlap, output open", player);
+    bonkwell::bench::print("AudioPlayer::playSlap, while another sound plays", during);
     if (streamFloor) {
         bonkwell::bench::print("bare own PulseAudio stream (floor)", *streamFloor);
         bonkwell::bench::print("bare SDL2_mixer loop (SDL's floor)", sdlFloor);
@@ -310,7 +313,7 @@ int main(int argc, char** argv) {
     const std::vector<bonkwell::bench::BufferChoice> choices = bonkwell::bench::parseBufferChoices(
         qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512"),
         qEnvironmentVariable("BONKWELL_BENCH_PULSE",
-                             pulseServer ? "96x3,48x8,96x3r,192x2r,256x2r" : ""));
+                             pulseServer ? "192x2r,512x2r,1024x2r,1024x2" : ""));
     bonkwell::bench::compareBufferSizes(recorder, pack, choices, count);
     return 0;
 }

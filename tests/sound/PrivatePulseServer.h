@@ -151,6 +151,11 @@ class MonitorRecorder {
 
     // Empty when recording runs; otherwise why not.
     QString error() const { return error_; }
+    // How many frames have been recorded so far.
+    std::size_t frames() const {
+        std::lock_guard lock(mutex_);
+        return left_.size();
+    }
     std::vector<float> left() const {
         std::lock_guard lock(mutex_);
         return left_;

@@ -40,9 +40,20 @@ SoundPack packWith(const QString& file) {
     return pack;
 }
 
-// A WAV of `seconds` of a 440 Hz sine at half scale, 48 kHz stereo.
-QByteArray longTone(double seconds) {
-    const auto frames = static_cast<std::uint32_t>(seconds * kRate);
+// The left (= right) samples of `seconds` of a sine at `hz`, `level` of full scale, starting
+// at `phase` (radians), 48 kHz.
+std::vector<std::int16_t> sine(double seconds, double hz, double level, double phase = 0.0) {
+    std::vector<std::int16_t> samples(static_cast<std::size_t>(seconds * kRate));
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = static_cast<std::int16_t>(
+            std::lrint(32767.0 * level * std::sin(2.0 * M_PI * hz * i / kRate + phase)));
+    }
+    return samples;
+}
+
+// A 48 kHz stereo WAV of `samples` on both channels.
+QByteArray wavOf(const std::vector<std::int16_t>& samples) {
+    const auto frames = static_cast<std::uint32_t>(samples.size());
     QByteArray wav;
     const auto put = [&wav](std::uint32_t v, int bytes) {
         for (int i = 0; i < bytes; ++i) {
@@ -61,13 +72,16 @@ QByteArray longTone(double seconds) {
     put(16, 2);
     wav.append("data");
     put(frames * 4, 4);
-    for (std::uint32_t i = 0; i < frames; ++i) {
-        const auto v = static_cast<std::int16_t>(
-            std::lrint(16383.0 * std::sin(2.0 * M_PI * 440.0 * i / kRate)));
+    for (const std::int16_t v : samples) {
         put(static_cast<std::uint16_t>(v), 2);
         put(static_cast<std::uint16_t>(v), 2);
     }
     return wav;
+}
+
+// A WAV of `seconds` of a 440 Hz sine at half scale, 48 kHz stereo.
+QByteArray longTone(double seconds) {
+    return wavOf(sine(seconds, 440.0, 0.5));
 }
 
 class PulseOutputTest : public ::testing::Test {
@@ -91,8 +105,9 @@ class PulseOutputTest : public ::testing::Test {
         std::this_thread::sleep_for(2500ms);
     }
 
-    void startPlayer(std::chrono::milliseconds idleRelease = 60s) {
-        auto output = std::make_unique<PulseSoundOutput>();
+    void startPlayer(std::chrono::milliseconds idleRelease = 60s,
+                     PulseSoundOutput::Options options = {}) {
+        auto output = std::make_unique<PulseSoundOutput>(options);
         output_ = output.get();
         player_ = std::make_unique<AudioPlayer>(clock_, std::move(output), idleRelease);
     }
@@ -186,6 +201,71 @@ TEST_F(PulseOutputTest, OverlappingSoundsMix) {
     EXPECT_NEAR(toneAmplitude(left, b, e, 660), 0.25, 0.05);
     EXPECT_NEAR(toneAmplitude(left, start + kRate / 50, start + kRate * 6 / 100, 440), 0.25, 0.05);
     EXPECT_LT(toneAmplitude(left, start + kRate / 50, start + kRate * 6 / 100, 660), 0.02);
+}
+
+// A long queue (100-200 ms), so that waiting behind it could not pass for starting at once.
+PulseSoundOutput::Options longQueue() {
+    PulseSoundOutput::Options options;
+    options.periodFrames = 4800;
+    options.periods = 2;
+    return options;
+}
+
+// Where `expected` (16-bit samples) lies in `heard` (the monitor's floats), starting at the
+// first sample that is not silence: how many samples differ from it; -1 when nothing sounded.
+long long mismatches(const std::vector<float>& heard, std::size_t at,
+                     const std::vector<std::int32_t>& expected) {
+    long long wrong = 0;
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const auto want = static_cast<float>(expected[i]) / 32768.0F;
+        if (at + i >= heard.size() || std::fabs(heard[at + i] - want) > 1.5F / 32768.0F) {
+            ++wrong;
+        }
+    }
+    return wrong;
+}
+
+// A sound that starts while another plays is mixed into what is already queued: the sink has
+// it from its first sample on within the queue's length, and the sound that was playing goes
+// on sample for sample, neither repeated nor skipped.
+TEST_F(PulseOutputTest, ASoundStartedDuringAnotherIsMixedInAtOnceAndLeavesItIntact) {
+    startPlayer(60s, longQueue());
+    const std::vector<std::int16_t> first = sine(2.0, 440.0, 0.25, 0.5);
+    const std::vector<std::int16_t> second = sine(0.3, 1000.0, 0.25, 1.0);
+    const QString a = writeFile(QStringLiteral("first.wav"), wavOf(first));
+    const QString b = writeFile(QStringLiteral("second.wav"), wavOf(second));
+    slap(a, 0.8);  // gain 1.0: the samples as they are
+    settle();
+    std::this_thread::sleep_for(700ms);
+    const std::size_t recordedBefore = recorder_->frames();
+    slap(b, 0.8);
+    settle();
+    std::this_thread::sleep_for(1800ms);
+    EXPECT_EQ(output_->underruns(), 0U);
+    const std::vector<float> left = finish();
+
+    const auto segments = soundingSegments(left, 0.0001F);
+    ASSERT_EQ(segments.size(), 1U);
+    const std::size_t start = segments[0].begin;
+    // The first sound alone, up to where the second one starts.
+    std::size_t second0 = start;
+    while (second0 < left.size() && second0 - start < first.size() &&
+           std::fabs(left[second0] - static_cast<float>(first[second0 - start]) / 32768.0F) <
+               1.5F / 32768.0F) {
+        ++second0;
+    }
+    ASSERT_LT(second0 - start, first.size()) << "the second sound was not heard";
+    std::vector<std::int32_t> both(first.begin(), first.end());
+    for (std::size_t i = 0; i < second.size(); ++i) {
+        both[second0 - start + i] += second[i];
+    }
+    EXPECT_EQ(mismatches(left, start, both), 0)
+        << "the first sound, with the second from its first sample on, and nothing else";
+    // The monitor had recorded up to `recordedBefore` when the second sound was started;
+    // behind the queue it would have come 100-200 ms after that.
+    const double waited =
+        (static_cast<double>(second0) - static_cast<double>(recordedBefore)) / kRate;
+    EXPECT_LT(waited, 0.06) << "the second sound waited behind the queue";
 }
 
 TEST_F(PulseOutputTest, GoingIdleReleasesTheStreamAndTheNextSlapOpensItAgain) {

@@ -139,6 +139,51 @@ TEST(VoiceMixerTest, EmptyAndOddInputs) {
     EXPECT_FALSE(odd->isPlaying());
 }
 
+// A sound that starts while another is already queued is mixed into what was queued, from its
+// first sample, and then continues after it; the sound already playing is not disturbed.
+TEST(VoiceMixerTest, ASoundMixedIntoWhatIsQueuedContinuesAfterIt) {
+    VoiceMixer mixer;
+    auto first = mixer.add(constant(100, 10, -10));
+    std::vector<std::int16_t> queued = render(mixer, 30);  // at the server already
+    std::vector<std::int16_t> ramp;
+    for (std::int16_t i = 0; i < 40; ++i) {
+        ramp.push_back(static_cast<std::int16_t>(1000 + i));
+        ramp.push_back(0);
+    }
+    auto second = mixer.add(ramp);
+    EXPECT_EQ(mixer.mixIncoming(queued.data(), 30), 1U);
+    for (std::size_t f = 0; f < 30; ++f) {
+        EXPECT_EQ(queued[2 * f], 10 + 1000 + static_cast<int>(f)) << "frame " << f;
+        EXPECT_EQ(queued[2 * f + 1], -10) << "frame " << f;
+    }
+    EXPECT_TRUE(second->isPlaying());
+    const std::vector<std::int16_t> next = render(mixer, 20);
+    for (std::size_t f = 0; f < 10; ++f) {
+        EXPECT_EQ(next[2 * f], 10 + 1030 + static_cast<int>(f)) << "frame " << 30 + f;
+    }
+    EXPECT_EQ(next[2 * 10], 10) << "the second sound ended after its 40 frames";
+    EXPECT_FALSE(second->isPlaying());
+    EXPECT_TRUE(first->isPlaying()) << "the first is still at frame 50 of 100";
+}
+
+TEST(VoiceMixerTest, MixingIncomingSoundsSaturatesAndEndsShortOnes) {
+    VoiceMixer mixer;
+    std::vector<std::int16_t> queued = constant(8, 30000, -30000);
+    auto loud = mixer.add(constant(4, 10000, -10000));
+    EXPECT_EQ(mixer.mixIncoming(queued.data(), 8), 1U);
+    EXPECT_EQ(queued, [] {
+        auto expected = constant(4, 32767, -32768);
+        auto rest = constant(4, 30000, -30000);
+        expected.insert(expected.end(), rest.begin(), rest.end());
+        return expected;
+    }());
+    EXPECT_FALSE(loud->isPlaying()) << "all of it went into the queued stretch";
+    EXPECT_FALSE(mixer.sounding());
+    std::vector<std::int16_t> none = constant(4, 5, 5);
+    EXPECT_EQ(mixer.mixIncoming(none.data(), 4), 0U) << "nothing new: the stretch stays";
+    EXPECT_EQ(none, constant(4, 5, 5));
+}
+
 // A thread adds and drops sounds while another renders, as the player's worker and the
 // stream's thread do; every sound that is left alone plays to its end, the dropped ones
 // end, and nothing is lost or heard twice.
