@@ -225,8 +225,9 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
             const std::optional<int> dropouts =
                 serverPlayerDropouts(recorder, tone, kToneSeconds, frames, tones, &error);
             char what[128];
-            std::snprintf(what, sizeof what, "pw-cat --latency %d (%4.1f ms), %s", frames,
-                          frames * 1000.0 / kRecordRate, busy ? "all cores busy" : "at rest");
+            std::snprintf(what, sizeof what, "pw-cat --latency %d (%4.1f ms)%s, %s", frames,
+                          frames * 1000.0 / kRecordRate, serverPlayerLikeOurs() ? " RR" : "",
+                          busy ? "all cores busy" : "at rest");
             if (dropouts) {
                 std::printf("%-56s %-54s dropouts %d   load %.2f\n", what,
                             "(the server's own player)", *dropouts, loadAverage());

@@ -5,6 +5,9 @@
 #include <QProcess>
 #include <QStringList>
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <chrono>
 #include <thread>
 
@@ -20,6 +23,28 @@ std::vector<int> parseServerPlayerLatencies(const QString& list) {
     return frames;
 }
 
+namespace {
+
+// Whether this process may run a thread at the lowest round-robin priority, as the app's audio
+// thread asks to (and SDL's playback thread inherits from it).
+bool roundRobinAllowed() {
+    bool allowed = false;
+    std::thread probe([&allowed] {
+        sched_param param{};
+        param.sched_priority = sched_get_priority_min(SCHED_RR);
+        allowed = pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
+    });
+    probe.join();
+    return allowed;
+}
+
+}  // namespace
+
+bool serverPlayerLikeOurs() {
+    static const bool allowed = roundRobinAllowed();
+    return allowed;
+}
+
 std::optional<int> serverPlayerDropouts(Recorder& recorder, const QString& tonePath,
                                         double toneSeconds, int latencyFrames, int tones,
                                         std::string* error) {
@@ -28,6 +53,15 @@ std::optional<int> serverPlayerDropouts(Recorder& recorder, const QString& toneP
     for (int i = 0; i < tones; ++i) {
         QProcess player;
         player.setProcessChannelMode(QProcess::ForwardedChannels);
+        if (serverPlayerLikeOurs()) {
+            // pw-cat fills its buffers on its main thread: give it the priority SDL's thread
+            // that fills ours runs at, or the comparison under load is one of priorities.
+            player.setChildProcessModifier([] {
+                sched_param param{};
+                param.sched_priority = sched_get_priority_min(SCHED_RR);
+                sched_setscheduler(0, SCHED_RR, &param);
+            });
+        }
         player.start(QStringLiteral("pw-cat"),
                      {QStringLiteral("--playback"), QStringLiteral("--latency"),
                       QString::number(latencyFrames), tonePath});

@@ -17,6 +17,10 @@ namespace bonkwell::bench {
 // "128,256" into latencies in frames (others are left out).
 std::vector<int> parseServerPlayerLatencies(const QString& list);
 
+// Whether the server's player runs at the priority of our own playback thread (the lowest
+// round-robin one, where this process may use it) rather than a normal one.
+bool serverPlayerLikeOurs();
+
 // Plays `tonePath` `tones` times with `pw-cat --playback --latency <frames>` to the default
 // sink and returns the dropouts the recorder saw meanwhile; nullopt (and `error`) when the
 // player is missing or fails.
