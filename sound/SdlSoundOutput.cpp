@@ -69,8 +69,11 @@ QString SdlSoundOutput::preferredAudioDrivers() {
 int SdlSoundOutput::bufferFramesFor(const QString& driver) {
     // PipeWire (its own driver) runs the graph at the period a client asks for: 128 frames
     // put a sound on the sink in about 6 ms, 256 in about 11. In 30 s of sound 128 ran dry
-    // 0-2 times at rest and 2-4 times with every core busy; 256 never at rest but 2-3 times
-    // busy, so the larger buffer buys little and costs 5 ms.
+    // 2-4 times at rest and 2-9 times with every core busy, 256 0 times at rest and 1-2 busy.
+    // PipeWire's own player at the same period and priority ran dry about as often (0-3 at
+    // rest, 3-13 busy at 128; 0 and 1-2 at 256): where we measured, a realtime thread now and
+    // then wakes more than a period late (up to 9 ms, at rest too), which no buffer of either
+    // size rides out. So the larger buffer buys little and costs 5 ms.
     if (driver == QLatin1String("pipewire")) {
         return 128;
     }

@@ -5,6 +5,7 @@
 #include "Clock.h"
 #include "PulseSoundOutput.h"
 #include "SdlSoundOutput.h"
+#include "ServerPlayer.h"
 
 #include <QByteArray>
 #include <QFile>
@@ -177,7 +178,8 @@ std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& 
 }
 
 void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
-                        const std::vector<BufferChoice>& choices, int count) {
+                        const std::vector<BufferChoice>& choices,
+                        const std::vector<int>& serverPlayerLatencies, int count) {
     QTemporaryDir dir;
     const QString tone = dir.path() + QStringLiteral("/tone.wav");
     if (!dir.isValid() || !writeTestTone(tone)) {
@@ -235,10 +237,26 @@ void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
             }
             std::printf(
                 "%-56s median %6.1f ms   p90 %6.1f ms   max %6.1f   during another %5.1f / %5.1f "
-                "ms   dropouts %d%s%s\n",
+                "ms   dropouts %d   load %.2f%s%s\n",
                 what, latency.median(), latency.p90(), latency.at(1.0), during.median(),
-                during.p90(), dropouts, underruns,
+                during.p90(), dropouts, loadAverage(), underruns,
                 latency.silent + during.silent > 0 ? "  (some triggers unheard)" : "");
+            std::fflush(stdout);
+        }
+        for (const int frames : serverPlayerLatencies) {
+            std::string error;
+            const std::optional<int> dropouts =
+                serverPlayerDropouts(recorder, tone, kToneSeconds, frames, tones, &error);
+            char what[128];
+            std::snprintf(what, sizeof what, "pw-cat --latency %d (%4.1f ms)%s, %s", frames,
+                          frames * 1000.0 / kRecordRate, serverPlayerLikeOurs() ? " RR" : "",
+                          busy ? "all cores busy" : "at rest");
+            if (dropouts) {
+                std::printf("%-56s %-54s dropouts %d   load %.2f\n", what,
+                            "(the server's own player)", *dropouts, loadAverage());
+            } else {
+                std::printf("%-56s %s\n", what, error.c_str());
+            }
             std::fflush(stdout);
         }
     }

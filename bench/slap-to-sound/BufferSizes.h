@@ -41,9 +41,11 @@ struct BufferChoice {
 // into choices.
 std::vector<BufferChoice> parseBufferChoices(const QString& sdl, const QString& pulse);
 
-// Prints one row per choice and load. The latency figures play `clips` (`count` triggers
-// each), the dropouts a generated tone.
+// Prints one row per choice and load, then the dropouts of the server's own player at each of
+// `serverPlayerLatencies` (frames) on the same tone. The latency figures play `clips`
+// (`count` triggers each), the dropouts a generated tone.
 void compareBufferSizes(Recorder& recorder, const SoundPack& clips,
-                        const std::vector<BufferChoice>& choices, int count);
+                        const std::vector<BufferChoice>& choices,
+                        const std::vector<int>& serverPlayerLatencies, int count);
 
 }  // namespace bonkwell::bench

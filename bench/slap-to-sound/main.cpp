@@ -11,7 +11,9 @@
 #include "Clock.h"
 #include "PulseSoundOutput.h"
 #include "SdlSoundOutput.h"
+#include "ServerPlayer.h"
 #include "SoundPackManager.h"
+#include "SoundServer.h"
 
 #include <unistd.h>
 
@@ -314,6 +316,14 @@ int main(int argc, char** argv) {
         qEnvironmentVariable("BONKWELL_BENCH_BUFFERS", "128,256,512"),
         qEnvironmentVariable("BONKWELL_BENCH_PULSE",
                              pulseServer ? "192x2r,512x2r,1024x2r,1024x2" : ""));
-    bonkwell::bench::compareBufferSizes(recorder, pack, choices, count);
+    // $BONKWELL_BENCH_SERVER_PLAYER ("128,256" by default on PipeWire) the latencies at which
+    // the server's own player plays the same tone, for comparison.
+    const std::vector<int> serverPlayer =
+        bonkwell::bench::parseServerPlayerLatencies(qEnvironmentVariable(
+            "BONKWELL_BENCH_SERVER_PLAYER",
+            bonkwell::sound::sessionSoundServer() == bonkwell::sound::SoundServer::pipeWire
+                ? "128,256"
+                : ""));
+    bonkwell::bench::compareBufferSizes(recorder, pack, choices, serverPlayer, count);
     return 0;
 }
