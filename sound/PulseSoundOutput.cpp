@@ -156,11 +156,22 @@ struct PulseSoundOutput::Connection {
     // Keeps a copy of what was written at stream position `at`, for rewriting it later.
     void remember(const std::int16_t* samples, std::int64_t at, std::size_t frames) {
         const std::size_t size = recent.size() / 2;
-        for (std::size_t f = 0; f < frames; ++f) {
-            const std::size_t slot =
-                static_cast<std::size_t>(at + static_cast<std::int64_t>(f)) % size;
-            recent[2 * slot] = samples[2 * f];
-            recent[2 * slot + 1] = samples[2 * f + 1];
+        for (std::size_t slot = static_cast<std::size_t>(at) % size; frames > 0; slot = 0) {
+            const std::size_t n = std::min(frames, size - slot);
+            std::memcpy(recent.data() + 2 * slot, samples, n * kFrameBytes);
+            samples += 2 * n;
+            frames -= n;
+        }
+    }
+
+    // What was written at stream position `at` (kept by remember()).
+    void recall(std::int16_t* samples, std::int64_t at, std::size_t frames) const {
+        const std::size_t size = recent.size() / 2;
+        for (std::size_t slot = static_cast<std::size_t>(at) % size; frames > 0; slot = 0) {
+            const std::size_t n = std::min(frames, size - slot);
+            std::memcpy(samples, recent.data() + 2 * slot, n * kFrameBytes);
+            samples += 2 * n;
+            frames -= n;
         }
     }
 
@@ -261,9 +272,9 @@ std::optional<std::int64_t> PulseSoundOutput::Connection::earliestRewrite() {
     if (timing == nullptr || timing->read_index_corrupt != 0) {
         return std::nullopt;
     }
-    // The server reads on while its answer and our write travel; a sink at its shortest
-    // latency cannot rewind what it has passed.
-    const pa_usec_t age = timing->playing != 0 ? pa_timeval_age(&timing->timestamp) : 0;
+    // The server reads on while its answer and our write travel (or starts to, if it was
+    // waiting for data); a sink at its shortest latency cannot rewind what it has passed.
+    const pa_usec_t age = pa_timeval_age(&timing->timestamp);
     return timing->read_index / kFrameBytes +
            static_cast<std::int64_t>((age + kRewriteAheadUs) * kRate / PA_USEC_PER_SEC);
 }
@@ -281,18 +292,13 @@ std::shared_ptr<sound::VoiceMixer::Track> PulseSoundOutput::Connection::start(
     if (from >= 0 && from < writeFrame && writeFrame - from <= kept) {
         const auto frames = static_cast<std::size_t>(writeFrame - from);
         std::vector<std::int16_t> block(frames * 2);
-        for (std::size_t f = 0; f < frames; ++f) {
-            const std::size_t slot = static_cast<std::size_t>(from + static_cast<std::int64_t>(f)) %
-                                     static_cast<std::size_t>(kept);
-            block[2 * f] = recent[2 * slot];
-            block[2 * f + 1] = recent[2 * slot + 1];
-        }
+        recall(block.data(), from, frames);
         mixer.mixIncoming(block.data(), frames);
-        remember(block.data(), from, frames);
         // The server drops what it has passed by the time this arrives, and rewinds its
         // sink for what it had taken but not yet played.
         pa_stream_write(stream, block.data(), frames * kFrameBytes, nullptr, from * kFrameBytes,
                         PA_SEEK_ABSOLUTE);
+        remember(block.data(), from, frames);
     }
     const std::size_t room = pa_stream_writable_size(stream);
     if (room != static_cast<std::size_t>(-1)) {
