@@ -209,7 +209,9 @@ void ThuzzEngine::start() {
 
     std::weak_ptr<Shared> weak = shared_;
     child->watchTermination([weak](int status) {
-        if (QCoreApplication::instance() == nullptr) {
+        // An engine that is gone is told nothing: it may have been the last thing before
+        // the application object went too, and a post then is fatal.
+        if (weak.expired() || QCoreApplication::instance() == nullptr) {
             return;
         }
         // Status 4: the installed copy is not the helper this version ships.
