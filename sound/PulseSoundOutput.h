@@ -27,7 +27,7 @@ class PulseSoundOutput : public SoundOutput {
     // a queue of two 21 ms periods, so that our thread may be 21 ms late before the queue runs
     // dry (with two 4 ms or 8 ms periods it ran dry now and then with every core busy), and
     // every sound that starts is mixed into what is queued, rewritten from just ahead of
-    // where the server reads, so the sink has it within about 3 ms whatever the queue's
+    // where the server reads, so the sink has it within about 2.5 ms whatever the queue's
     // length, also while another sound plays.
     struct Options {
         // The server asks for (at least) this much at a time.
@@ -35,9 +35,8 @@ class PulseSoundOutput : public SoundOutput {
         // The queue the server keeps filled, in periods: how long our thread may be late.
         int periods = 2;
         Requests requests = Requests::adjustLatency;
-        // A sound that starts is mixed into what is queued, written anew from the server's
-        // read position (the server rewinds its sink for that), instead of waiting behind
-        // the queue.
+        // A sound that starts is mixed into what is queued, written anew from just ahead of
+        // where the server reads, instead of waiting behind the queue.
         bool rewriteQueue = true;
         sound::FileLimits limits;
     };
