@@ -56,13 +56,18 @@ class PanelHost::Window final : public QWidget {
                     // Looked at once the focus has settled: a list dropping down from the
                     // panel's own picker, or a keyboard joining the seat (Wayland), takes the
                     // focus for a moment without closing it.
-                    QTimer::singleShot(kFocusSettleMs, this, [this] {
-                        if (isVisible() && !isActiveWindow() &&
+                    // A focus change from before the panel was last shown is not looked at:
+                    // closed and opened again within the moment, it is a new showing.
+                    QTimer::singleShot(kFocusSettleMs, this, [this, showing = showings_] {
+                        if (showing == showings_ && isVisible() && !isActiveWindow() &&
                             QApplication::activePopupWidget() == nullptr) {
                             owner_.hide(HideReason::focusLost);
                         }
                     });
                 }
+                break;
+            case QEvent::Show:
+                ++showings_;
                 break;
             case QEvent::Hide:
                 if (!event->spontaneous()) {
@@ -77,6 +82,7 @@ class PanelHost::Window final : public QWidget {
 
   private:
     PanelHost& owner_;
+    int showings_ = 0;  // how often it has been shown
 };
 
 PanelHost::Style PanelHost::styleForPlatform() {
