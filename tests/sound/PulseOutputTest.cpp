@@ -211,8 +211,8 @@ PulseSoundOutput::Options longQueue() {
     return options;
 }
 
-// Where `expected` (16-bit samples) lies in `heard` (the monitor's floats), starting at the
-// first sample that is not silence: how many samples differ from it; -1 when nothing sounded.
+// How many of `expected` (16-bit samples) differ from `heard` (the monitor's floats) when laid
+// over it from `at` on; a sample past the end of `heard` counts as different.
 long long mismatches(const std::vector<float>& heard, std::size_t at,
                      const std::vector<std::int32_t>& expected) {
     long long wrong = 0;
@@ -259,7 +259,8 @@ TEST_F(PulseOutputTest, ASoundStartedDuringAnotherIsMixedInAtOnceAndLeavesItInta
                1.5F / 32768.0F) {
         ++second0;
     }
-    ASSERT_LT(second0 - start, first.size()) << "the second sound was not heard";
+    ASSERT_LT(second0 - start + second.size(), first.size())
+        << "the second sound was not heard within the first";
     std::vector<std::int32_t> both(first.begin(), first.end());
     for (std::size_t i = 0; i < second.size(); ++i) {
         both[second0 - start + i] += second[i];
